@@ -1,0 +1,40 @@
+# trak: build the kernel module and the user-space tools, and test both.
+#
+#   make deps     install what building and testing need (apt; root)
+#   make module   build driver/trak.ko against Debian's 6.1 kernel
+#   make tools    build libtrak, trakctl and the test suites (CMake)
+#   make lint     checkpatch, sparse and clang-format over the sources
+#   make check    all of the above, then every test (host and VM)
+#   make clean    remove everything built
+
+# The Debian 6.1 kernel the module is built for and the VM boots.  It is
+# looked up lazily, so that `deps` can install it first.
+KVER = $(or $(TRAK_KVER),$(shell ls /lib/modules | grep -E '^6\.1\.[0-9]+-[0-9]+-amd64$$' | sort -V | tail -n 1))
+KDIR = /lib/modules/$(KVER)/build
+BUILD ?= build
+JOBS ?= $(shell nproc)
+
+.PHONY: all deps module tools lint check clean
+
+all: module tools
+
+deps:
+	@scripts/install-deps.sh
+
+module: deps
+	@test -n "$(KVER)" || { echo "no Debian 6.1 kernel installed"; exit 1; }
+	$(MAKE) -C $(KDIR) M=$(CURDIR)/driver modules
+
+tools: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRAK_KVER=$(KVER)
+	cmake --build $(BUILD) -j $(JOBS)
+
+lint: module
+	scripts/lint.sh $(KDIR)
+
+check: module tools lint
+	ctest --test-dir $(BUILD) --output-on-failure -j 1
+
+clean:
+	-$(MAKE) -C $(KDIR) M=$(CURDIR)/driver clean
+	rm -rf $(BUILD) out

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * Owner-checked locks: a recursive mutex and a reader/writer lock with a
+ * recursive writer.  Misuse (releasing a lock one does not hold) is logged
+ * and otherwise ignored; the lock is left exactly as it was.
+ */
+#include <linux/sched.h>
+#include <linux/wait.h>
+
+#include "log.h"
+#include "oxlock.h"
+
+void oxmutex_init(struct oxmutex *m)
+{
+	sema_init(&m->sem, 1);
+	m->owner = NULL;
+	m->depth = 0;
+	spin_lock_init(&m->guard);
+}
+
+void oxmutex_lock(struct oxmutex *m)
+{
+	spin_lock(&m->guard);
+	if (m->depth && m->owner == current) {
+		m->depth++;
+		spin_unlock(&m->guard);
+		return;
+	}
+	spin_unlock(&m->guard);
+
+	down(&m->sem);
+
+	spin_lock(&m->guard);
+	m->owner = current;
+	m->depth = 1;
+	spin_unlock(&m->guard);
+}
+
+void oxmutex_unlock(struct oxmutex *m)
+{
+	bool release = false;
+
+	spin_lock(&m->guard);
+	if (!m->depth || m->owner != current) {
+		spin_unlock(&m->guard);
+		trak_log(TRAK_LOG_ERR, "%s(): Can't unlock mutex: not owner.",
+			 __func__);
+		return;
+	}
+	if (--m->depth == 0) {
+		m->owner = NULL;
+		release = true;
+	}
+	spin_unlock(&m->guard);
+
+	if (release)
+		up(&m->sem);
+}
+
+void oxrwlock_init(struct oxrwlock *l)
+{
+	init_waitqueue_head(&l->wait);
+	l->owner = NULL;
+	l->count = 0;
+	spin_lock_init(&l->guard);
+}
+
+/*
+ * Sleeps uninterruptibly until @cond holds; called and returns with the
+ * guard held, which is dropped while asleep.  Every sleeper is woken on
+ * release and tests the condition again itself.
+ */
+#define oxrwlock_wait(l, cond)						\
+	wait_event_cmd((l)->wait, cond, spin_unlock(&(l)->guard),	\
+		       spin_lock(&(l)->guard))
+
+void oxread_lock(struct oxrwlock *l)
+{
+	spin_lock(&l->guard);
+	oxrwlock_wait(l, l->count >= 0);
+	l->count++;
+	spin_unlock(&l->guard);
+}
+
+void oxread_unlock(struct oxrwlock *l)
+{
+	bool held, wake = false;
+
+	spin_lock(&l->guard);
+	held = l->count > 0;
+	if (held)
+		wake = --l->count == 0;
+	spin_unlock(&l->guard);
+
+	if (!held)
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): Can't release RO lock: not locked.", __func__);
+	else if (wake)
+		wake_up_all(&l->wait);
+}
+
+void oxwrite_lock(struct oxrwlock *l)
+{
+	spin_lock(&l->guard);
+	if (l->count >= 0 || l->owner != current)
+		oxrwlock_wait(l, l->count == 0);
+	l->owner = current;
+	l->count--;
+	spin_unlock(&l->guard);
+}
+
+void oxwrite_unlock(struct oxrwlock *l)
+{
+	bool held, wake = false;
+
+	spin_lock(&l->guard);
+	held = l->count < 0 && l->owner == current;
+	if (held && ++l->count == 0) {
+		l->owner = NULL;
+		wake = true;
+	}
+	spin_unlock(&l->guard);
+
+	if (!held)
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): Can't release RW lock: not owner.", __func__);
+	else if (wake)
+		wake_up_all(&l->wait);
+}
