@@ -26,12 +26,15 @@ struct trak_filter {
 	struct oxmutex bmp_lock;
 	u32 incr_bmp_size;
 	u32 diff_bmp_size;
-	unsigned long *incr_bmp;
+	unsigned long *incr_bmp;	/* whole longs, see trak_bmp_alloc_size() */
 	unsigned long *diff_bmp;
 	char incr_bmp_fname[TRAK_PATH_LEN];
 	char diff_bmp_fname[TRAK_PATH_LEN];
 	int incr_bmp_dirty;
 	int diff_bmp_dirty;
+	int cowqueue_len;		/* requests held for copy-on-write */
+	struct oxrwlock io_lock;	/* read-held while a request is routed */
+	int io_cnt;			/* requests routed under io_lock */
 };
 
 /* A snap node: a read-only point-in-time image of a filter node. */

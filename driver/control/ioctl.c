@@ -9,8 +9,12 @@
 #include <linux/slab.h>
 #include <linux/uaccess.h>
 
+#include "block/filter_node.h"
+#include "block/lifecycle.h"
+#include "block/node.h"
 #include "block/query.h"
 #include "block/registry.h"
+#include "filter/bmp_commands.h"
 #include "core/log.h"
 #include "core/params.h"
 #include "ioctl.h"
@@ -59,6 +63,28 @@ static int trak_command_run(const struct trak_command *c,
 			    struct trak_blkdev *dev, void *rec)
 {
 	switch (c->code) {
+	case TRAK_ADD_FILTER_NODE:
+		return trak_ioctl_add_filter_node(rec);
+	case TRAK_DEL_NODE:
+		return trak_ioctl_del_node(rec);
+	case TRAK_START_NODE:
+		return trak_ioctl_start_node(rec);
+	case TRAK_STOP_NODE:
+		return trak_ioctl_stop_node(rec);
+	case TRAK_LOAD_BMP:
+		return trak_ioctl_load_bmp(dev, rec);
+	case TRAK_SAVE_BMP:
+		return trak_ioctl_save_bmp(dev, rec);
+	case TRAK_CLR_BMP:
+		return trak_ioctl_clr_bmp(dev, rec);
+	case TRAK_SET_BMP:
+		return trak_ioctl_set_bmp(dev, rec);
+	case TRAK_MERGE_BMP:
+		return trak_ioctl_merge_bmp(dev, rec);
+	case TRAK_GET_BMP:
+		return trak_ioctl_get_bmp(dev, rec);
+	case TRAK_GET_AND_CLR_BMP:
+		return trak_ioctl_get_and_clr_bmp(dev, rec);
 	case TRAK_GET_DEVICE_LIST:
 		return trak_ioctl_get_device_list(rec);
 	case TRAK_GET_INFO:

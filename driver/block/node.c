@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * Removing nodes.  A node goes only when stopped and closed; its change
+ * bitmap files stay on disk for its next life.
+ */
+#include <linux/blkdev.h>
+#include <linux/slab.h>
+#include <linux/vmalloc.h>
+
+#include "control/proc.h"
+#include "core/log.h"
+#include "core/params.h"
+#include "disk.h"
+#include "filter/kdirtyd.h"
+#include "lifecycle.h"
+#include "node.h"
+#include "registry.h"
+#include "util/bdev.h"
+#include "util/devnode.h"
+
+/* DEL_NODE of an unknown minor answers +22: agents rely on the positive value. */
+#define TRAK_DEL_UNKNOWN	EINVAL
+
+/* How long a node going away waits for its dirty-flag writes. */
+#define TRAK_DIRTY_WAIT_SECONDS	10
+
+/* Called with trak_blkdev_rwlock held for writing. */
+int trak_block_destroy_device(struct trak_blkdev *dev, int unlink_files)
+{
+	int minor;
+
+	if (!dev) {
+		trak_log(TRAK_LOG_ERR, "%s(): Internal error: dev==NULL",
+			 __func__);
+		return -EINVAL;
+	}
+	minor = dev->minor;
+	trak_log(1, "%s(): Destroying trak(%d, %d)", __func__, trak_blk_major,
+		 minor);
+	if (dev->use_cnt) {
+		trak_log(TRAK_LOG_ERR, "%s(): trak(%d, %d)is still being used.",
+			 __func__, trak_blk_major, minor);
+		return -EBUSY;
+	}
+	if (dev->started) {
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): Can't destroy started trak(%d, %d). Stop it first!",
+			 __func__, trak_blk_major, minor);
+		return -EBUSY;
+	}
+
+	if (dev->dev_type == TRAK_DEV_FILTER)
+		trak_yield_to_dirty_requests(dev, TRAK_DIRTY_WAIT_SECONDS);
+	if (dev->dev_name[0])
+		trak_unlink(dev->dev_name);
+	trak_proc_del_device(dev);
+	trak_disk_destroy(dev);
+	if (dev->dev_type == TRAK_DEV_FILTER) {
+		vfree(dev->filter.incr_bmp);
+		vfree(dev->filter.diff_bmp);
+		trak_close_bdev(dev->filter.hdd_bdev,
+				FMODE_READ | FMODE_WRITE | FMODE_EXCL);
+	}
+
+	trak_blkdev_arr[minor] = NULL;
+	kfree(dev);
+	trak_log(3, "%s(): trak(%d, %d) has been destroyed successfully",
+		 __func__, trak_blk_major, minor);
+	return 0;
+}
+
+int trak_ioctl_del_node(struct trak_minor_args *rec)
+{
+	struct trak_blkdev *dev;
+	int rc;
+
+	trak_log(1, "%s(): Removing trak(%d, %d)", __func__, trak_blk_major,
+		 rec->minor);
+
+	oxread_lock(&trak_blkdev_rwlock);
+	dev = trak_blkdev_find(rec->minor);
+	rc = dev ? trak_block_stop_device(dev) : TRAK_DEL_UNKNOWN;
+	oxread_unlock(&trak_blkdev_rwlock);
+	if (rc)
+		goto out;
+
+	oxwrite_lock(&trak_blkdev_rwlock);
+	dev = trak_blkdev_find(rec->minor);
+	rc = dev ? trak_block_destroy_device(dev, 1) : TRAK_DEL_UNKNOWN;
+	oxwrite_unlock(&trak_blkdev_rwlock);
+out:
+	if (rc == TRAK_DEL_UNKNOWN)
+		trak_log(TRAK_LOG_ERR, "%s(): Nothing is known about trak(%d, %d)",
+			 __func__, trak_blk_major, rec->minor);
+	return rc;
+}

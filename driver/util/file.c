@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * In-kernel file access: the change bitmaps, the COW files and the
+ * self-test's dumps are ordinary files that the driver opens, reads and
+ * writes at absolute offsets.
+ */
+#include <linux/err.h>
+#include <linux/fcntl.h>
+#include <linux/fs.h>
+#include <linux/slab.h>
+#include <linux/string.h>
+
+#include "core/log.h"
+#include "file.h"
+
+static const char *trak_access_mode(int flags)
+{
+	switch (flags & O_ACCMODE) {
+	case O_RDONLY:
+		return "reading";
+	case O_WRONLY:
+		return "writing";
+	default:
+		return "reading and writing";
+	}
+}
+
+struct trak_file *trak_fopen(const char *path, int flags, int mode)
+{
+	struct trak_file *file;
+
+	if (WARN_ON(!path))
+		return NULL;
+	file = kzalloc(sizeof(*file), GFP_KERNEL);
+	if (file)
+		file->name = kstrdup(path, GFP_KERNEL);
+	if (!file || !file->name) {
+		trak_log(TRAK_LOG_ERR, "%s(): Memory allocation failed.",
+			 __func__);
+		kfree(file);
+		return NULL;
+	}
+
+	file->filp = filp_open(path, flags, mode);
+	if (!IS_ERR(file->filp))
+		return file;
+
+	trak_log(TRAK_LOG_ERR, "%s(): Failed to open file %s for %s: errno=%ld",
+		 __func__, path, trak_access_mode(flags), PTR_ERR(file->filp));
+	kfree(file->name);
+	kfree(file);
+	return NULL;
+}
+
+static bool trak_file_valid(const struct trak_file *file, const char *func)
+{
+	if (file && !IS_ERR_OR_NULL(file->filp))
+		return true;
+	trak_log(TRAK_LOG_ERR,
+		 "%s(): NULL or invalid file pointer passed as input!", func);
+	return false;
+}
+
+/* Reads until @count bytes arrived or the file ended; a short read is logged. */
+int trak_fread(struct trak_file *file, loff_t off, void *buf, int count)
+{
+	int done = 0;
+	ssize_t rc;
+
+	if (!trak_file_valid(file, __func__))
+		return -EINVAL;
+
+	while (done < count) {
+		rc = kernel_read(file->filp, buf + done, count - done, &off);
+		if (rc < 0) {
+			trak_log(TRAK_LOG_ERR,
+				 "%s(): Failed to read %d bytes from %s: rc=%zd",
+				 __func__, count - done, file->name, rc);
+			return rc;
+		}
+		if (!rc) {
+			trak_log(TRAK_LOG_ERR,
+				 "%s(): Unexpected EOF while trying to read %d bytes from %s",
+				 __func__, count - done, file->name);
+			break;
+		}
+		done += rc;
+	}
+	return done;
+}
+
+/* Writes all of @count bytes; anything less is a failure. */
+int trak_fwrite(struct trak_file *file, loff_t off, const void *buf,
+		int count)
+{
+	int done = 0;
+	ssize_t rc;
+
+	if (!trak_file_valid(file, __func__))
+		return -EINVAL;
+
+	while (done < count) {
+		rc = kernel_write(file->filp, buf + done, count - done, &off);
+		if (rc < 0) {
+			trak_log(TRAK_LOG_ERR,
+				 "%s(): Failed to write %d bytes into %s: rc=%zd",
+				 __func__, count - done, file->name, rc);
+			return rc;
+		}
+		if (!rc) {
+			trak_log(TRAK_LOG_ERR,
+				 "%s(): Short write into %s: wrote %d instead of %d",
+				 __func__, file->name, done, count);
+			return -EIO;
+		}
+		done += rc;
+	}
+	return done;
+}
+
+int trak_fclose(struct trak_file *file)
+{
+	int rc = 0;
+
+	if (!IS_ERR_OR_NULL(file->filp))
+		rc = filp_close(file->filp, NULL);
+	kfree(file->name);
+	kfree(file);
+	return rc;
+}
+
+/* Empties an existing file; a missing file is not created. */
+int trak_ftruncate(const char *path)
+{
+	struct trak_file *file;
+
+	if (WARN_ON(!path))
+		return 0;
+	file = trak_fopen(path, O_RDWR | O_TRUNC | O_LARGEFILE, 0600);
+	if (file)
+		trak_fclose(file);
+	return 0;
+}
+
+int trak_fsync(struct trak_file *file)
+{
+	if (WARN_ON(!file) || !file->filp || !file->filp->f_op->fsync)
+		return 0;
+	return vfs_fsync(file->filp, 0);
+}
