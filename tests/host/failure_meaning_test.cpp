@@ -1,0 +1,104 @@
+// What a refused command tells the user.
+#include <gtest/gtest.h>
+#include <trak/error.h>
+
+#include <cerrno>
+#include <string>
+
+namespace {
+
+using trak::Command;
+using trak::FailureKind;
+
+std::string meaning(Command command, int errnum) {
+    return trak::failure_meaning(command, errnum, FailureKind::Errno);
+}
+
+TEST(FailureMeaning, CommandSpecificMeanings) {
+    EXPECT_EQ(meaning(Command::AddFilterNode, EBUSY), "the partition is mounted or already open");
+    EXPECT_EQ(meaning(Command::StartNode, EALREADY), "the node is already started");
+    EXPECT_EQ(meaning(Command::StartNode, EAGAIN),
+              "the file system on the filter did not become quiet within 60 seconds");
+    EXPECT_EQ(meaning(Command::StopNode, EBUSY), "the node, or one of its snaps, is open");
+    EXPECT_EQ(meaning(Command::GetDeviceList, EINVAL),
+              "the device type is neither filter (1) nor snap (2)");
+    EXPECT_EQ(meaning(Command::TestDatablock, EBUSY), "the partition is mounted");
+    EXPECT_EQ(meaning(Command::AddSnapNode, ENOSPC),
+              "the filter has 256 snaps already, or every minor is in use");
+}
+
+TEST(FailureMeaning, SameCodeMeansDifferentThingsPerCommand) {
+    EXPECT_EQ(meaning(Command::GetInfo, EINVAL), "no node with that minor");
+    EXPECT_EQ(meaning(Command::GetBmp, EINVAL),
+              "no node with that minor, the node is not a filter, or the bitmap kind or size is "
+              "bad");
+    EXPECT_EQ(meaning(Command::LoadBmp, EIO),
+              "the bitmap file is missing, unreadable or has a bad prefix");
+    EXPECT_EQ(meaning(Command::SaveBmp, EIO), "the bitmap file could not be written");
+}
+
+TEST(FailureMeaning, DispatcherCodesMeanTheSameForEveryCommand) {
+    for (const Command command : trak::kAllCommands) {
+        EXPECT_EQ(meaning(command, ENOTTY),
+                  "the driver does not know this command (version mismatch?)");
+        EXPECT_EQ(meaning(command, ENOSYS), "this driver build does not implement the command yet");
+    }
+    EXPECT_EQ(meaning(Command::GetInfo, EFAULT),
+              "the driver could not copy the record or its data from or to this process, or "
+              "could not allocate a buffer for it");
+}
+
+TEST(FailureMeaning, DelNodeOfAnUnknownMinorReturnsPositive22) {
+    EXPECT_EQ(trak::failure_meaning(Command::DelNode, 22, FailureKind::PositiveReturn),
+              "no such node");
+    EXPECT_EQ(trak::failure_meaning(Command::StartNode, 22, FailureKind::PositiveReturn),
+              "an unexpected positive return value");
+}
+
+TEST(FailureMeaning, UnknownCodeFallsBackToTheSystemText) {
+    EXPECT_EQ(meaning(Command::StartNode, EXDEV),
+              "not a documented failure of this command: Invalid cross-device link");
+    EXPECT_EQ(meaning(Command::GetDeviceList, EBUSY),
+              "not a documented failure of this command: Device or resource busy");
+}
+
+TEST(ErrnoName, NamesKnownCodesAndNumbersUnknownOnes) {
+    EXPECT_EQ(trak::errno_name(EBUSY), "EBUSY");
+    EXPECT_EQ(trak::errno_name(EALREADY), "EALREADY");
+    EXPECT_EQ(trak::errno_name(4095), "errno 4095");
+}
+
+TEST(DriverError, MessageNamesCommandCodeMeaningAndKernelLog) {
+    const trak::DriverError error(Command::GetInfo, EINVAL, FailureKind::Errno);
+    EXPECT_STREQ(error.what(),
+                 "TRAK_GET_INFO failed: EINVAL (no node with that minor). See the kernel log "
+                 "(dmesg) for the driver's message.");
+    EXPECT_EQ(error.command(), Command::GetInfo);
+    EXPECT_EQ(error.value(), EINVAL);
+    EXPECT_EQ(error.kind(), FailureKind::Errno);
+    EXPECT_EQ(error.code_name(), "EINVAL");
+    EXPECT_EQ(error.meaning(), "no node with that minor");
+    EXPECT_EQ(error.code(), std::errc::invalid_argument);
+}
+
+TEST(DriverError, PositiveReturnIsShownWithItsSign) {
+    const trak::DriverError error(Command::DelNode, 22, FailureKind::PositiveReturn);
+    EXPECT_STREQ(error.what(),
+                 "TRAK_DEL_NODE failed: +22 (no such node). See the kernel log (dmesg) for the "
+                 "driver's message.");
+    EXPECT_EQ(error.code_name(), "+22");
+    EXPECT_EQ(error.kind(), FailureKind::PositiveReturn);
+}
+
+TEST(DriverError, IsASystemError) {
+    try {
+        throw trak::DriverError(Command::StartNode, EALREADY, FailureKind::Errno);
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code().value(), EALREADY);
+        EXPECT_EQ(error.code().category(), std::generic_category());
+        return;
+    }
+    FAIL() << "DriverError was not caught as std::system_error";
+}
+
+}  // namespace

@@ -1,0 +1,175 @@
+#!/bin/bash
+# Usage: run-vm.sh [OPTIONS] -- CMD [ARGS...]
+#
+# Boots Debian's 6.1 kernel in QEMU over a copy-on-write view of this
+# machine's root file system, runs CMD in it from the repository root, and
+# reports.  CMD is a path valid on the host (absolute, or relative to the
+# repository root), and so in the guest too, except under /tmp and /run,
+# which the guest has for itself.  In the guest CMD finds TRAK_VM=1,
+# TRAK_SRC (the repository root) and TRAK_OUT (the results directory DIR,
+# shared with the host).  The kernel's messages go to DIR/console.log;
+# CMD's output goes to DIR/harness/output.log and is shown at the end.
+#
+# Options:
+#   --out DIR          results directory (default: out/vm in the repository);
+#                      gets console.log, the disk images and harness/
+#   --disks N          attach N fresh sparse disks DIR/diskI.img (default 0)
+#   --disk-size SIZE   their size, as for truncate(1) (default 1G)
+#   --disk FILE        attach an existing image (repeatable); these follow
+#                      the fresh disks: /dev/vda, /dev/vdb, ... in order
+#   --mem MB           guest memory (default 2048)
+#   --smp N            guest CPUs (default 2)
+#   --timeout SEC      kill the VM after SEC seconds (default 600)
+#   --unload-prefix P  modules whose names start with P must unload at the
+#                      end (default trak)
+#
+# Exit status: CMD's own when it ran and the kernel stayed clean: no bug
+# report on the console (scan-console.sh), every module with the prefix
+# unloaded.  Otherwise 124 on timeout and 125 for any other failure, with
+# a one-line reason starting "run-vm.sh: FAIL:"; 2 for a usage error.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+src=$(cd "$here/../../.." && pwd)
+
+usage() {
+	sed -n '2,/^$/s/^# \{0,1\}//p' "$0" >&2
+	exit 2
+}
+
+out=$src/out/vm
+ndisks=0
+disk_size=1G
+given=()
+mem=2048
+smp=2
+timeout=600
+prefix=trak
+while (($#)); do
+	case $1 in
+	--out | --disks | --disk-size | --disk | --mem | --smp | --timeout | \
+		--unload-prefix)
+		(($# >= 2)) || usage
+		case $1 in
+		--out) out=$2 ;;
+		--disks) ndisks=$2 ;;
+		--disk-size) disk_size=$2 ;;
+		--disk) given+=("$2") ;;
+		--mem) mem=$2 ;;
+		--smp) smp=$2 ;;
+		--timeout) timeout=$2 ;;
+		--unload-prefix) prefix=$2 ;;
+		esac
+		shift 2
+		;;
+	--)
+		shift
+		break
+		;;
+	*) usage ;;
+	esac
+done
+(($#)) || usage
+for n in "$ndisks" "$mem" "$smp" "$timeout"; do
+	[[ $n =~ ^[0-9]+$ ]] || usage
+done
+
+# fail REASON [STATUS]
+fail() {
+	echo "run-vm.sh: FAIL: $1"
+	exit "${2:-125}"
+}
+
+kver=$("$here/find-kernel.sh")
+mkdir -p "$out"
+out=$(realpath "$out")
+harness=$out/harness
+rm -rf "$harness"
+mkdir "$harness"
+rm -f "$out/console.log"
+
+# What the guest runner reads (see guest-run.sh).
+echo "$here/guest-run.sh" >"$harness/runner"
+printf '%s\0' "$@" >"$harness/command"
+echo "$prefix" >"$harness/unload-prefix"
+"$here/mkinitramfs.sh" "$harness/initramfs.cpio.gz" "$kver"
+
+disks=()
+for ((i = 0; i < ndisks; i++)); do
+	rm -f "$out/disk$i.img"
+	truncate -s "$disk_size" "$out/disk$i.img"
+	disks+=("$out/disk$i.img")
+done
+for d in "${given[@]}"; do
+	[ -f "$d" ] || fail "no disk image $d"
+	disks+=("$(realpath "$d")")
+done
+drives=()
+for d in "${disks[@]}"; do
+	# QEMU's -drive takes commas doubled.
+	drives+=(-drive "file=${d//,/,,},format=raw,if=virtio,cache=unsafe")
+done
+
+accel=tcg
+[ -r /dev/kvm ] && [ -w /dev/kvm ] && accel=kvm
+
+# The VM runs in the background so that the traps below can stop it.
+timeout --kill-after=10 "$timeout" \
+	qemu-system-x86_64 -machine "q35,accel=$accel" -cpu max \
+	-smp "$smp" -m "$mem" -nographic -no-reboot -nic none \
+	-kernel "/boot/vmlinuz-$kver" -initrd "$harness/initramfs.cpio.gz" \
+	-append "console=ttyS0 loglevel=7 panic=-1 sysrq_always_enabled=1" \
+	-fsdev local,id=hostroot,path=/,security_model=none,readonly=on,multidevs=remap \
+	-device virtio-9p-pci,fsdev=hostroot,mount_tag=hostroot \
+	-fsdev "local,id=out,path=${out//,/,,},security_model=none" \
+	-device virtio-9p-pci,fsdev=out,mount_tag=out \
+	"${drives[@]}" </dev/null >"$out/console.log" 2>&1 &
+vm=$!
+trap 'kill "$vm" 2>/dev/null || true' EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+start=$SECONDS
+vm_status=0
+wait "$vm" || vm_status=$?
+trap - EXIT
+echo "run-vm.sh: VM ran $((SECONDS - start)) s ($accel, kernel $kver)"
+
+if [ -s "$harness/output.log" ]; then
+	echo "----- output of ${*} -----"
+	cat "$harness/output.log"
+	echo "----- end of output -----"
+fi
+
+reasons=()
+fail_status=125
+if ((vm_status == 124)); then
+	fail_status=124
+	reasons+=("timed out after $timeout s")
+elif ((vm_status != 0)); then
+	reasons+=("QEMU exited with status $vm_status")
+fi
+if [ ! -s "$out/console.log" ]; then
+	reasons+=("no console output")
+elif ! "$here/scan-console.sh" "$out/console.log"; then
+	reasons+=("the kernel reported problems on the console")
+fi
+if [ ! -e "$harness/started" ]; then
+	reasons+=("the guest never reached the command")
+elif [ ! -e "$harness/exit-status" ]; then
+	reasons+=("the command did not finish")
+elif [ ! -e "$harness/finished" ]; then
+	reasons+=("the guest did not finish after the command")
+fi
+if [ -s "$harness/unload-failures" ]; then
+	mapfile -t -O "${#reasons[@]}" reasons <"$harness/unload-failures"
+fi
+
+if ((${#reasons[@]})); then
+	if [ ! -e "$harness/finished" ]; then
+		echo "----- end of $out/console.log -----"
+		tail -n 40 "$out/console.log"
+	fi
+	joined=$(printf '; %s' "${reasons[@]}")
+	fail "${joined#; }" "$fail_status"
+fi
+exit "$(cat "$harness/exit-status")"

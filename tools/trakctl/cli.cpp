@@ -1,0 +1,169 @@
+#include "cli.h"
+
+#include <algorithm>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "verb_table.h"
+
+namespace trakctl {
+
+namespace {
+
+constexpr std::string_view kProgram = "trakctl";
+
+void print_main_help(std::ostream& out) {
+    out << "Usage: trakctl [--device PATH] VERB [OPTIONS] [ARGUMENTS]\n"
+           "\n"
+           "Controls the trak driver through its control device (default "
+        << trak::kDefaultControlDevice
+        << ").\n"
+           "\n"
+           "Verbs:\n";
+    std::size_t width = 0;
+    for (const Verb* verb : verb_table()) {
+        width = std::max(width, verb->name.size());
+    }
+    for (const Verb* verb : verb_table()) {
+        out << "  " << verb->name << std::string(width - verb->name.size() + 2, ' ')
+            << verb->summary << '\n';
+    }
+    out << "\n"
+           "Options:\n"
+           "  --device PATH  the control device to use\n"
+           "  --help         show this help\n"
+           "\n"
+           "Run 'trakctl VERB --help' for the options of a verb.\n"
+           "Exit status: 0 success, 1 the driver or the system refused, 2 usage error.\n";
+}
+
+void print_verb_help(const Verb& verb, std::ostream& out) {
+    out << "Usage: trakctl " << verb.name << (verb.prints ? " [--json]" : "");
+    if (!verb.arguments.empty()) {
+        out << ' ' << verb.arguments;
+    }
+    out << "\n\n" << verb.description << "\nOptions:\n";
+    if (verb.prints) {
+        out << "  --json  print JSON instead of text\n";
+    }
+    out << "  --help  show this help\n";
+}
+
+// The outcome of reading the command line.
+struct CommandLine {
+    std::string device_path{trak::kDefaultControlDevice};
+    const Verb* verb = nullptr;
+    bool help = false;
+    OutputFormat format = OutputFormat::Text;
+    std::vector<std::string_view> args;
+};
+
+// Reads the verb's options and arguments into `line`.
+void parse_verb_args(std::span<const std::string_view> args, CommandLine& line) {
+    const Verb& verb = *line.verb;
+    bool options_done = false;
+    for (const std::string_view arg : args) {
+        if (options_done || arg.size() < 2 || arg.front() != '-') {
+            line.args.push_back(arg);
+        } else if (arg == "--") {
+            options_done = true;
+        } else if (arg == "--help" || arg == "-h") {
+            line.help = true;
+        } else if (arg == "--json" && verb.prints) {
+            line.format = OutputFormat::Json;
+        } else {
+            throw UsageError("unknown option '" + std::string(arg) + "'");
+        }
+    }
+    if (line.help) {
+        return;
+    }
+    if (line.args.size() < verb.min_args || line.args.size() > verb.max_args) {
+        throw UsageError(line.args.size() < verb.min_args ? "missing argument"
+                                                          : "too many arguments");
+    }
+}
+
+// Reads the whole command line into `line`. `line.verb` stays null for
+// `trakctl --help` and until the verb has been read.
+void parse(std::span<const std::string_view> args, CommandLine& line) {
+    std::size_t next = 0;
+    for (; next < args.size() && args[next].starts_with('-'); ++next) {
+        const std::string_view arg = args[next];
+        if (arg == "--help" || arg == "-h") {
+            line.help = true;
+            return;
+        }
+        if (arg == "--device") {
+            if (++next == args.size()) {
+                throw UsageError("option '--device' needs a PATH");
+            }
+            line.device_path = args[next];
+        } else if (arg.starts_with("--device=")) {
+            line.device_path = arg.substr(std::string_view("--device=").size());
+        } else {
+            throw UsageError("unknown option '" + std::string(arg) + "'");
+        }
+    }
+    if (next == args.size()) {
+        throw UsageError("no verb given");
+    }
+    line.verb = find_verb(args[next]);
+    if (line.verb == nullptr) {
+        throw UsageError("unknown verb '" + std::string(args[next]) + "'");
+    }
+    parse_verb_args(args.subspan(next + 1), line);
+}
+
+// "info 7": the verb and its arguments, for error messages.
+std::string command_label(const CommandLine& line) {
+    std::string label(line.verb->name);
+    for (const std::string_view arg : line.args) {
+        label.append(" ").append(arg);
+    }
+    return label;
+}
+
+void print_usage_error(const CommandLine& line, const UsageError& error, std::ostream& err) {
+    if (line.verb != nullptr) {
+        err << kProgram << ": " << line.verb->name << ": " << error.what() << "\nTry 'trakctl "
+            << line.verb->name << " --help'.\n";
+    } else {
+        err << kProgram << ": " << error.what() << "\nTry 'trakctl --help'.\n";
+    }
+}
+
+}  // namespace
+
+int run(std::span<const std::string_view> args, const Backend& backend, std::ostream& out,
+        std::ostream& err) {
+    CommandLine line;
+    try {
+        parse(args, line);
+    } catch (const UsageError& error) {
+        print_usage_error(line, error, err);
+        return kExitUsage;
+    }
+    if (line.help) {
+        if (line.verb != nullptr) {
+            print_verb_help(*line.verb, out);
+        } else {
+            print_main_help(out);
+        }
+        return kExitOk;
+    }
+    Context context(backend, line.device_path);
+    try {
+        line.verb->run(Invocation{context, line.args, line.format, out});
+    } catch (const UsageError& error) {
+        print_usage_error(line, error, err);
+        return kExitUsage;
+    } catch (const std::exception& error) {
+        err << kProgram << ": " << command_label(line) << ": " << error.what() << '\n';
+        return kExitFailure;
+    }
+    return kExitOk;
+}
+
+}  // namespace trakctl

@@ -1,0 +1,14 @@
+// The minors of the driver's nodes by type, as report fields.
+#pragma once
+
+#include <trak/control.h>
+#include <trak/types.h>
+
+#include "report.h"
+
+namespace trakctl {
+
+// Appends a field "filter" or "snap" with the minors of that type of node.
+void add_node_list(Report& report, trak::Control& control, trak::DevType type);
+
+}  // namespace trakctl
