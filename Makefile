@@ -3,8 +3,11 @@
 #   make deps     install what building and testing need (apt; root)
 #   make module   build driver/trak.ko against Debian's 6.1 kernel
 #   make tools    build libtrak, trakctl and the test suites (CMake)
-#   make lint     checkpatch, sparse and clang-format over the sources
+#   make lint     checkpatch and sparse (kernel), clang-format and
+#                 clang-tidy (user space)
 #   make check    all of the above, then every test (host and VM)
+#   make demo     track a partition in the test VM, end to end
+#   make bench    the change-tracking benchmark, in the test VM
 #   make clean    remove everything built
 
 # The Debian 6.1 kernel the module is built for and the VM boots.  It is
@@ -14,7 +17,7 @@ KDIR = /lib/modules/$(KVER)/build
 BUILD ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps module tools lint check clean
+.PHONY: all deps module tools lint check demo bench clean
 
 all: module tools
 
@@ -29,11 +32,19 @@ tools: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRAK_KVER=$(KVER)
 	cmake --build $(BUILD) -j $(JOBS)
 
-lint: module
-	scripts/lint.sh $(KDIR)
+lint: module tools
+	scripts/lint.sh $(KDIR) $(BUILD)
+	cmake --build $(BUILD) --target format-check
+	cmake --build $(BUILD) --target tidy
 
 check: module tools lint
 	ctest --test-dir $(BUILD) --output-on-failure -j 1
+
+demo: module tools
+	scripts/demo.sh $(BUILD)
+
+bench: module tools
+	bench/cbt/run.sh $(BUILD)
 
 clean:
 	-$(MAKE) -C $(KDIR) M=$(CURDIR)/driver clean

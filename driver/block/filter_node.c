@@ -25,36 +25,6 @@
 #define TRAK_MIN_EXTENT_SIZE	4096
 #define TRAK_HDD_MODE		(FMODE_READ | FMODE_WRITE)
 
-/* The device number of the block device file @path, or a negative error. */
-static int trak_hdd_devt(const char *path, const char *func, dev_t *devt)
-{
-	struct dentry *dentry = trak_get_file_dentry(path, 1);
-	int rc = 0;
-
-	if (IS_ERR(dentry)) {
-		trak_log(TRAK_LOG_ERR, "%s(): Unable to lookup %s: rc=%ld", func,
-			 path, PTR_ERR(dentry));
-		return -ENOENT;
-	}
-	if (!dentry) {
-		trak_log(TRAK_LOG_ERR,
-			 "%s(): Unable to derive major/minor numbers for %s",
-			 func, path);
-		return -EINVAL;
-	}
-	if (!S_ISBLK(d_inode(dentry)->i_mode)) {
-		trak_log(TRAK_LOG_ERR, "%s(): %s is not a block device.", func,
-			 path);
-		rc = -EINVAL;
-	} else {
-		*devt = d_inode(dentry)->i_rdev;
-		trak_log(2, "%s(): Successfully derived HDD major=%d, minor=%d",
-			 func, MAJOR(*devt), MINOR(*devt));
-	}
-	dput(dentry);
-	return rc;
-}
-
 static int trak_find_duplicate(dev_t devt, const char *func)
 {
 	struct trak_blkdev *dev;
@@ -213,7 +183,7 @@ int trak_ioctl_add_filter_node(struct trak_add_filter_args *rec)
 			 __func__);
 		return -EINVAL;
 	}
-	rc = trak_hdd_devt(rec->hdd_name, __func__, &devt);
+	rc = trak_get_bdev_devt(rec->hdd_name, __func__, &devt);
 	if (rc)
 		return rc;
 	if (!rec->uuid[0])

@@ -15,6 +15,7 @@
 #include "block/query.h"
 #include "block/registry.h"
 #include "filter/bmp_commands.h"
+#include "fsmap/datablock_commands.h"
 #include "core/log.h"
 #include "core/params.h"
 #include "ioctl.h"
@@ -85,6 +86,8 @@ static int trak_command_run(const struct trak_command *c,
 		return trak_ioctl_get_bmp(dev, rec);
 	case TRAK_GET_AND_CLR_BMP:
 		return trak_ioctl_get_and_clr_bmp(dev, rec);
+	case TRAK_TEST_DATABLOCK:
+		return trak_ioctl_test_datablock(rec);
 	case TRAK_GET_DEVICE_LIST:
 		return trak_ioctl_get_device_list(rec);
 	case TRAK_GET_INFO:

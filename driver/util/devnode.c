@@ -168,3 +168,36 @@ dev_t trak_get_file_devt(const char *path)
 	kfree(buf);
 	return devt;
 }
+
+/*
+ * The device number of the block device file @path (symbolic links
+ * followed), for commands that name a partition; messages carry @func.
+ */
+int trak_get_bdev_devt(const char *path, const char *func, dev_t *devt)
+{
+	struct dentry *dentry = trak_get_file_dentry(path, 1);
+	int rc = 0;
+
+	if (IS_ERR(dentry)) {
+		trak_log(TRAK_LOG_ERR, "%s(): Unable to lookup %s: rc=%ld", func,
+			 path, PTR_ERR(dentry));
+		return -ENOENT;
+	}
+	if (!dentry) {
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): Unable to derive major/minor numbers for %s",
+			 func, path);
+		return -EINVAL;
+	}
+	if (!S_ISBLK(d_inode(dentry)->i_mode)) {
+		trak_log(TRAK_LOG_ERR, "%s(): %s is not a block device.", func,
+			 path);
+		rc = -EINVAL;
+	} else {
+		*devt = d_inode(dentry)->i_rdev;
+		trak_log(2, "%s(): Successfully derived HDD major=%d, minor=%d",
+			 func, MAJOR(*devt), MINOR(*devt));
+	}
+	dput(dentry);
+	return rc;
+}

@@ -13,5 +13,6 @@ int trak_mknod(const char *path, int block, int major, int minor);
 int trak_unlink(const char *path);
 struct dentry *trak_get_file_dentry(const char *path, int follow);
 dev_t trak_get_file_devt(const char *path);
+int trak_get_bdev_devt(const char *path, const char *func, dev_t *devt);
 
 #endif

@@ -1,0 +1,111 @@
+// Host implementations of the kernel services declared in trak_env.h.
+#include "trak_env.h"
+
+#include <unistd.h>
+
+#include <cstdarg>
+#include <string>
+#include <vector>
+
+#include "captured_log.h"
+
+namespace {
+
+constexpr int kLogBufferSize = 2048;  // as the driver's log buffer
+constexpr unsigned kPageSize = 4096;
+
+std::vector<trak::host::LogLine>& Lines() {
+    static std::vector<trak::host::LogLine> lines;
+    return lines;
+}
+
+}  // namespace
+
+std::vector<trak::host::LogLine> trak::host::TakeLog() {
+    std::vector<LogLine> taken;
+    taken.swap(Lines());
+    return taken;
+}
+
+extern "C" {
+
+unsigned long jiffies;
+
+int trak_log(int level, const char* fmt, ...) {
+    char buf[kLogBufferSize];
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(buf, sizeof(buf), fmt, args);
+    va_end(args);
+    std::string text(buf);
+    if (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    Lines().push_back({level, text});
+    return 0;
+}
+
+int trak_bread(struct block_device* bdev, void* buf, u32 size, u64 blk, int count) {
+    if (size > kPageSize) {
+        trak_log(TRAK_LOG_ERR, "%s(): Block size cannot be larger than page size (%d)", __func__,
+                 static_cast<int>(kPageSize));
+        return -EINVAL;
+    }
+    auto* dst = static_cast<char*>(buf);
+    for (; count > 0; count--, blk++, dst += size) {
+        if (pread(bdev->fd, dst, size, static_cast<off_t>(blk * size)) !=
+            static_cast<ssize_t>(size)) {
+            trak_log(TRAK_LOG_ERR, "%s(): Failed to read %d-byte block #%lld", __func__, size,
+                     static_cast<long long>(blk));
+            return -EIO;
+        }
+    }
+    return 0;
+}
+
+struct trak_file {
+    std::string name;
+    int fd;
+};
+
+struct trak_file* trak_fopen(const char* path, int flags, int mode) {
+    const int fd = open(path, flags, mode);
+    if (fd < 0) {
+        const int err = errno;
+        static const char* const kAccess[] = {"reading", "writing", "reading and writing",
+                                              "reading and writing"};
+        trak_log(TRAK_LOG_ERR, "%s(): Failed to open file %s for %s: errno=%d", __func__, path,
+                 kAccess[flags & O_ACCMODE], -err);
+        return nullptr;
+    }
+    return new trak_file{path, fd};
+}
+
+int trak_fwrite(struct trak_file* file, loff_t off, const void* buf, int count) {
+    const auto* src = static_cast<const char*>(buf);
+    int done = 0;
+    while (done < count) {
+        const ssize_t n = pwrite(file->fd, src + done, count - done, off + done);
+        if (n < 0) {
+            const int err = errno;
+            trak_log(TRAK_LOG_ERR, "%s(): Failed to write %d bytes into %s: rc=%d", __func__,
+                     count - done, file->name.c_str(), -err);
+            return -err;
+        }
+        if (n == 0) {
+            trak_log(TRAK_LOG_ERR, "%s(): Short write into %s: wrote %d instead of %d", __func__,
+                     file->name.c_str(), done, count);
+            return -EIO;
+        }
+        done += static_cast<int>(n);
+    }
+    return done;
+}
+
+int trak_fclose(struct trak_file* file) {
+    const int rc = close(file->fd) != 0 ? -errno : 0;
+    delete file;
+    return rc;
+}
+
+}  // extern "C"

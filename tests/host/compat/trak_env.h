@@ -1,0 +1,122 @@
+/*
+ * Host environment of the data-block map code: the kernel names that the
+ * shared sources under driver/fsmap use, mapped onto the C library.  A
+ * block device is an opened image file; trak_log() records each line for
+ * the tests (captured_log.h).
+ */
+#ifndef TRAK_HOST_COMPAT_TRAK_ENV_H
+#define TRAK_HOST_COMPAT_TRAK_ENV_H
+
+/*
+ * C shared with the kernel sources: C headers, C casts, malloc and plain
+ * typedefs are what those sources expect, so the C++ checks do not apply.
+ */
+// NOLINTBEGIN
+#include <endian.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef uint8_t u8;
+typedef uint16_t u16;
+typedef uint32_t u32;
+typedef unsigned long long u64;
+typedef int32_t s32;
+typedef long long s64;
+
+#define S32_MAX INT32_MAX
+#define ARRAY_SIZE(a) (sizeof(a) / sizeof((a)[0]))
+#define DIV_ROUND_UP(n, d) (((n) + (d)-1) / (d))
+#define min_t(type, a, b) ((type)(a) < (type)(b) ? (type)(a) : (type)(b))
+#define max_t(type, a, b) ((type)(a) > (type)(b) ? (type)(a) : (type)(b))
+
+#ifndef O_LARGEFILE
+#define O_LARGEFILE 0
+#endif
+
+/* Allocation: the GFP flags mean nothing here. */
+#define GFP_KERNEL 0
+static inline void* kmalloc(size_t size, int gfp) { return (void)gfp, malloc(size); }
+static inline void* kzalloc(size_t size, int gfp) { return (void)gfp, calloc(1, size); }
+static inline void* kmalloc_array(size_t n, size_t size, int gfp) {
+    return (void)gfp, malloc(n * size);
+}
+static inline void* kcalloc(size_t n, size_t size, int gfp) { return (void)gfp, calloc(n, size); }
+static inline void kfree(const void* p) { free((void*)p); }
+static inline void* vmalloc(size_t size) { return malloc(size); }
+static inline void vfree(const void* p) { free((void*)p); }
+
+/* Bits and logarithms of 32-bit and 64-bit values. */
+static inline bool is_power_of_2(u64 n) { return n != 0 && (n & (n - 1)) == 0; }
+static inline int ilog2(u64 n) { return 63 - __builtin_clzll(n); }
+static inline u64 roundup_pow_of_two(u64 n) { return n <= 1 ? 1 : 2ULL << ilog2(n - 1); }
+static inline unsigned int hweight8(unsigned int v) { return __builtin_popcount(v & 0xFF); }
+
+/* On-disk numbers. */
+static inline u16 get_unaligned_le16(const void* p) {
+    u16 v;
+    memcpy(&v, p, sizeof(v));
+    return le16toh(v);
+}
+static inline u32 get_unaligned_le32(const void* p) {
+    u32 v;
+    memcpy(&v, p, sizeof(v));
+    return le32toh(v);
+}
+static inline u16 get_unaligned_be16(const void* p) {
+    u16 v;
+    memcpy(&v, p, sizeof(v));
+    return be16toh(v);
+}
+static inline u32 get_unaligned_be32(const void* p) {
+    u32 v;
+    memcpy(&v, p, sizeof(v));
+    return be32toh(v);
+}
+#define get_unaligned(p) (*(p))
+
+/* Device numbers are split 12:20, as in the kernel. */
+#define MINORBITS 20
+#define MAJOR(dev) ((unsigned int)((dev) >> MINORBITS))
+#define MINOR(dev) ((unsigned int)((dev) & ((1U << MINORBITS) - 1)))
+#define MKDEV(ma, mi) (((ma) << MINORBITS) | (mi))
+
+/* A partition: an image file opened for reading. */
+struct block_device {
+    int fd;
+    u32 bd_dev;
+    loff_t nr_bytes;
+};
+static inline loff_t bdev_nr_bytes(struct block_device* bdev) { return bdev->nr_bytes; }
+
+/* Set by the tests; the self-test picks its start chunks from it. */
+extern unsigned long jiffies;
+
+#define TRAK_LOG_ERR 255
+__attribute__((format(printf, 2, 3))) int trak_log(int level, const char* fmt, ...);
+
+int trak_bread(struct block_device* bdev, void* buf, u32 size, u64 blk, int count);
+
+struct trak_file;
+struct trak_file* trak_fopen(const char* path, int flags, int mode);
+int trak_fwrite(struct trak_file* file, loff_t off, const void* buf, int count);
+int trak_fclose(struct trak_file* file);
+
+// NOLINTEND
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,28 @@
+// The properties every file-system reader must have at every chunk size.
+#ifndef TRAK_TESTS_HOST_FSMAP_CHUNK_PROPERTIES_H
+#define TRAK_TESTS_HOST_FSMAP_CHUNK_PROPERTIES_H
+
+#include <cstdint>
+
+#include "fsmap_api.h"
+#include "oracles.h"
+
+namespace trak::fsmap_test {
+
+// The largest chunk the driver uses.
+constexpr uint32_t kMaxChunkSize = 2 * 1024 * 1024;
+
+// Reads `n` chunks from `start` and checks that the reader wrote exactly
+// ceil(n / 8) bytes with no bit set past `n`. Stores the result in `rc`.
+BlockMap ReadChunks(const trak_blkbmp_reader& reader, void* ctx, uint32_t start,
+                    uint32_t chunk_size, uint32_t n, int& rc);
+
+// For every chunk size from the block size up to 2 MiB: a chunk is used
+// exactly when one of its blocks is used in `blocks`, whether the map is read
+// in one call, in portions, or from arbitrary start chunks.
+void ExpectChunkMapsAgree(const trak_blkbmp_reader& reader, void* ctx, uint32_t block_size,
+                          const BlockMap& blocks);
+
+}  // namespace trak::fsmap_test
+
+#endif
