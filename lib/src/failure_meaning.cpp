@@ -51,7 +51,9 @@ constexpr std::array kMeanings = {
     Meaning{Command::GetDeviceList, EINVAL, "the device type is neither filter (1) nor snap (2)"},
     Meaning{Command::GetInfo, EINVAL, kNoSuchNode},
     Meaning{Command::LoadBmp, EINVAL, kBadBitmapKind},
-    Meaning{Command::LoadBmp, EIO, "the bitmap file is missing, unreadable or has a bad prefix"},
+    Meaning{Command::LoadBmp, EIO,
+            "the bitmap file is missing, unreadable or has a bad prefix (the bitmap is now all "
+            "ones: every extent counts as changed)"},
     Meaning{Command::SaveBmp, EINVAL,
             "no node with that minor, the node is not a filter, the bitmap kind is bad, or the "
             "bitmap file lies on the filtered partition"},

@@ -9,24 +9,15 @@
 #include <string>
 
 #include "fake_driver.h"
+#include "record_bytes.h"
 
 namespace {
 
 using trak::BitmapKind;
 using trak::Command;
 using trak_test::FakeDriver;
-
-// Reads a value of type T at `offset` of a record's bytes.
-template <typename T>
-T field_at(const std::vector<std::uint8_t>& record, std::size_t offset) {
-    T value{};
-    std::memcpy(&value, record.data() + offset, sizeof(T));
-    return value;
-}
-
-std::string string_at(const std::vector<std::uint8_t>& record, std::size_t offset) {
-    return reinterpret_cast<const char*>(record.data() + offset);
-}
+using trak_test::field_at;
+using trak_test::string_at;
 
 class ControlTest : public ::testing::Test {
   protected:

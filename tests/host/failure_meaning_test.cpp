@@ -33,7 +33,8 @@ TEST(FailureMeaning, SameCodeMeansDifferentThingsPerCommand) {
               "no node with that minor, the node is not a filter, or the bitmap kind or size is "
               "bad");
     EXPECT_EQ(meaning(Command::LoadBmp, EIO),
-              "the bitmap file is missing, unreadable or has a bad prefix");
+              "the bitmap file is missing, unreadable or has a bad prefix (the bitmap is now all "
+              "ones: every extent counts as changed)");
     EXPECT_EQ(meaning(Command::SaveBmp, EIO), "the bitmap file could not be written");
 }
 

@@ -3,6 +3,7 @@
 #include <verb_table.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "trakctl_runner.h"
 
@@ -34,7 +35,8 @@ TEST_F(TrakctlCli, EveryVerbHasHelp) {
         EXPECT_EQ(result.status, 0) << verb->name;
         EXPECT_TRUE(result.out.starts_with("Usage: trakctl " + std::string(verb->name)))
             << result.out;
-        EXPECT_NE(result.out.find("  --help  show this help\n"), std::string::npos);
+        EXPECT_NE(result.out.find("\n  --help "), std::string::npos) << verb->name;
+        EXPECT_TRUE(result.out.ends_with(" show this help\n")) << verb->name;
         EXPECT_EQ(result.out.find("--json") != std::string::npos, verb->prints) << verb->name;
     }
     EXPECT_TRUE(runner.opened().empty());
@@ -44,6 +46,75 @@ TEST_F(TrakctlCli, VerbHelpShowsItsSynopsis) {
     EXPECT_TRUE(runner.run({"info", "-h"}).out.starts_with("Usage: trakctl info [--json] MINOR\n"));
     EXPECT_TRUE(runner.run({"list", "--help"})
                     .out.starts_with("Usage: trakctl list [--json] [filter|snap]\n"));
+}
+
+TEST_F(TrakctlCli, VerbHelpListsItsOwnOptionsAligned) {
+    const auto result = runner.run({"add-filter", "--help"});
+
+    EXPECT_TRUE(result.out.starts_with(
+        "Usage: trakctl add-filter [--json] HDD --extent-size N --bitmap-dir DIR [--minor M] "
+        "[--name NAME] [--uuid UUID]\n"))
+        << result.out;
+    EXPECT_TRUE(
+        result.out.ends_with("\nOptions:\n"
+                             "  --extent-size N   tracking granule in bytes (required)\n"
+                             "  --bitmap-dir DIR  directory of the bitmap files (required)\n"
+                             "  --minor M         the node's minor (default: the lowest "
+                             "free one)\n"
+                             "  --name NAME       the node's name (default: trakM)\n"
+                             "  --uuid UUID       the node's uuid (default: a new one)\n"
+                             "  --json            print JSON instead of text\n"
+                             "  --help            show this help\n"))
+        << result.out;
+}
+
+TEST_F(TrakctlCli, HelpShowsHowToTrackAPartition) {
+    const auto result = runner.run({"--help"});
+
+    EXPECT_NE(result.out.find("  trakctl add-filter /dev/sdb1 --extent-size 65536 --bitmap-dir "
+                              "/var/lib/trak\n  trakctl start 0\n"),
+              std::string::npos)
+        << result.out;
+}
+
+TEST_F(TrakctlCli, VerbOptionGivenTwiceIsAUsageError) {
+    const auto result = runner.run(
+        {"add-filter", "/dev/vda", "--minor", "1", "--minor=2", "--extent-size", "4096"});
+
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err,
+              "trakctl: add-filter: option '--minor' given twice\n"
+              "Try 'trakctl add-filter --help'.\n");
+}
+
+TEST_F(TrakctlCli, VerbOptionWithoutItsValueIsAUsageError) {
+    const auto result = runner.run({"add-filter", "/dev/vda", "--extent-size"});
+
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err,
+              "trakctl: add-filter: option '--extent-size' needs a value N\n"
+              "Try 'trakctl add-filter --help'.\n");
+}
+
+TEST_F(TrakctlCli, AFlagTakesNoValue) {
+    const auto result = runner.run({"bitmap", "set", "0", "incr", "--all=yes"});
+
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err,
+              "trakctl: bitmap: option '--all' takes no value\nTry 'trakctl bitmap --help'.\n");
+    EXPECT_TRUE(runner.driver().requests().empty());
+}
+
+TEST_F(TrakctlCli, AnOptionValueMayStartWithADash) {
+    runner.driver().on(trak::Command::AddFilterNode, [](void*) { return -EINVAL; });
+
+    const auto result = runner.run(
+        {"add-filter", "/dev/vda", "--minor", "-3", "--extent-size", "4096", "--bitmap-dir", "/b"});
+
+    EXPECT_EQ(result.status, 1);
+    std::int32_t minor = 0;
+    std::memcpy(&minor, runner.driver().last_record().data() + 1024, sizeof(minor));
+    EXPECT_EQ(minor, -3);
 }
 
 TEST_F(TrakctlCli, NoVerbIsAUsageError) {

@@ -24,10 +24,13 @@ TrakctlRunner::TrakctlRunner()
 }
 
 RunResult TrakctlRunner::run(std::initializer_list<std::string_view> args) const {
-    const std::vector<std::string_view> arg_list(args);
+    return run(std::span<const std::string_view>(args.begin(), args.size()));
+}
+
+RunResult TrakctlRunner::run(std::span<const std::string_view> args) const {
     std::ostringstream out;
     std::ostringstream err;
-    const int status = trakctl::run(arg_list, backend_, out, err);
+    const int status = trakctl::run(args, backend_, out, err);
     return {status, out.str(), err.str()};
 }
 

@@ -5,6 +5,7 @@
 #include <cli.h>
 
 #include <initializer_list>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -24,6 +25,7 @@ class TrakctlRunner {
     TrakctlRunner();
 
     RunResult run(std::initializer_list<std::string_view> args) const;
+    RunResult run(std::span<const std::string_view> args) const;
 
     FakeDriver& driver() { return driver_; }
     const TempDir& proc() const { return proc_; }

@@ -1,6 +1,8 @@
 // Parsing of verb arguments.
 #pragma once
 
+#include <trak/types.h>
+
 #include <cstdint>
 #include <string_view>
 
@@ -8,6 +10,19 @@ namespace trakctl {
 
 // A node minor: a decimal number from 0 to 2^31 - 1. Throws UsageError.
 std::int32_t parse_minor(std::string_view text);
+
+// A node minor that may be negative: a decimal number from -2^31 to
+// 2^31 - 1. Throws UsageError.
+std::int32_t parse_signed_minor(std::string_view text);
+
+// A size in bytes: a decimal number from 0 to 2^32 - 1. Throws UsageError.
+std::uint32_t parse_size(std::string_view text, std::string_view what);
+
+// A change bitmap kind: "incr" or "diff". Throws UsageError.
+trak::BitmapKind parse_bitmap_kind(std::string_view text);
+
+// The name of a bitmap kind as parse_bitmap_kind reads it.
+std::string_view bitmap_kind_name(trak::BitmapKind kind);
 
 // A log verbosity: a decimal number from 0 to 2^31 - 1. Throws UsageError.
 int parse_level(std::string_view text);

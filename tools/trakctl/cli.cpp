@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "verb_table.h"
@@ -34,8 +35,23 @@ void print_main_help(std::ostream& out) {
            "  --device PATH  the control device to use\n"
            "  --help         show this help\n"
            "\n"
+           "Tracking the changes of a partition, e.g. /dev/sdb1:\n"
+           "  trakctl add-filter /dev/sdb1 --extent-size 65536 --bitmap-dir /var/lib/trak\n"
+           "  trakctl start 0\n"
+           "  mount /dev/trak0 /srv    (use the node, never /dev/sdb1 itself)\n"
+           "  trakctl bitmap get-clear 0 incr\n"
+           "\n"
            "Run 'trakctl VERB --help' for the options of a verb.\n"
            "Exit status: 0 success, 1 the driver or the system refused, 2 usage error.\n";
+}
+
+// "--extent-size N", as the option list shows it.
+std::string option_synopsis(const OptionSpec& option) {
+    std::string text(option.name);
+    if (!option.value_name.empty()) {
+        text.append(" ").append(option.value_name);
+    }
+    return text;
 }
 
 void print_verb_help(const Verb& verb, std::ostream& out) {
@@ -44,10 +60,21 @@ void print_verb_help(const Verb& verb, std::ostream& out) {
         out << ' ' << verb.arguments;
     }
     out << "\n\n" << verb.description << "\nOptions:\n";
-    if (verb.prints) {
-        out << "  --json  print JSON instead of text\n";
+    std::vector<std::pair<std::string, std::string_view>> lines;
+    for (const OptionSpec& option : verb.options) {
+        lines.emplace_back(option_synopsis(option), option.help);
     }
-    out << "  --help  show this help\n";
+    if (verb.prints) {
+        lines.emplace_back("--json", "print JSON instead of text");
+    }
+    lines.emplace_back("--help", "show this help");
+    std::size_t width = 0;
+    for (const auto& [synopsis, help] : lines) {
+        width = std::max(width, synopsis.size());
+    }
+    for (const auto& [synopsis, help] : lines) {
+        out << "  " << synopsis << std::string(width - synopsis.size() + 2, ' ') << help << '\n';
+    }
 }
 
 // The outcome of reading the command line.
@@ -57,13 +84,54 @@ struct CommandLine {
     bool help = false;
     OutputFormat format = OutputFormat::Text;
     std::vector<std::string_view> args;
+    OptionValues options;
 };
+
+const OptionSpec* find_option(const Verb& verb, std::string_view name) {
+    for (const OptionSpec& option : verb.options) {
+        if (option.name == name) {
+            return &option;
+        }
+    }
+    return nullptr;
+}
+
+// Reads one of the verb's own options, "--name VALUE", "--name=VALUE" or
+// "--name", at args[next]; returns the index of the last argument it used.
+std::size_t parse_verb_option(std::span<const std::string_view> args, std::size_t next,
+                              CommandLine& line) {
+    const std::string_view arg = args[next];
+    const std::size_t equals = arg.find('=');
+    const std::string_view name = arg.substr(0, equals);
+    const OptionSpec* option = find_option(*line.verb, name);
+    if (option == nullptr) {
+        throw UsageError("unknown option '" + std::string(arg) + "'");
+    }
+    if (option->value_name.empty()) {
+        if (equals != std::string_view::npos) {
+            throw UsageError("option '" + std::string(name) + "' takes no value");
+        }
+        line.options.set(name, {});
+        return next;
+    }
+    if (equals != std::string_view::npos) {
+        line.options.set(name, arg.substr(equals + 1));
+        return next;
+    }
+    if (next + 1 == args.size()) {
+        throw UsageError("option '" + std::string(name) + "' needs a value " +
+                         std::string(option->value_name));
+    }
+    line.options.set(name, args[next + 1]);
+    return next + 1;
+}
 
 // Reads the verb's options and arguments into `line`.
 void parse_verb_args(std::span<const std::string_view> args, CommandLine& line) {
     const Verb& verb = *line.verb;
     bool options_done = false;
-    for (const std::string_view arg : args) {
+    for (std::size_t next = 0; next < args.size(); ++next) {
+        const std::string_view arg = args[next];
         if (options_done || arg.size() < 2 || arg.front() != '-') {
             line.args.push_back(arg);
         } else if (arg == "--") {
@@ -73,7 +141,7 @@ void parse_verb_args(std::span<const std::string_view> args, CommandLine& line) 
         } else if (arg == "--json" && verb.prints) {
             line.format = OutputFormat::Json;
         } else {
-            throw UsageError("unknown option '" + std::string(arg) + "'");
+            next = parse_verb_option(args, next, line);
         }
     }
     if (line.help) {
@@ -155,7 +223,7 @@ int run(std::span<const std::string_view> args, const Backend& backend, std::ost
     }
     Context context(backend, line.device_path);
     try {
-        line.verb->run(Invocation{context, line.args, line.format, out});
+        line.verb->run(Invocation{context, line.args, line.options, line.format, out});
     } catch (const UsageError& error) {
         print_usage_error(line, error, err);
         return kExitUsage;

@@ -32,6 +32,7 @@ const Verb& debug_verb() {
         .min_args = 0,
         .max_args = 1,
         .prints = true,
+        .options = {},
         .run = run_debug,
     };
     return verb;

@@ -88,6 +88,7 @@ const Verb& info_verb() {
         .min_args = 1,
         .max_args = 1,
         .prints = true,
+        .options = {},
         .run = run_info,
     };
     return verb;

@@ -35,6 +35,7 @@ const Verb& list_verb() {
         .min_args = 0,
         .max_args = 1,
         .prints = true,
+        .options = {},
         .run = run_list,
     };
     return verb;

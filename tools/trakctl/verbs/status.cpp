@@ -37,6 +37,7 @@ const Verb& status_verb() {
         .min_args = 0,
         .max_args = 0,
         .prints = true,
+        .options = {},
         .run = run_status,
     };
     return verb;

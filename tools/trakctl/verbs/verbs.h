@@ -9,5 +9,10 @@ const Verb& status_verb();
 const Verb& debug_verb();
 const Verb& list_verb();
 const Verb& info_verb();
+const Verb& add_filter_verb();
+const Verb& start_verb();
+const Verb& stop_verb();
+const Verb& del_verb();
+const Verb& bitmap_verb();
 
 }  // namespace trakctl

@@ -1,0 +1,130 @@
+// The cost of change tracking: fio write workloads on a raw memory-backed
+// null_blk device, on dm-linear over one and on a started trak filter node
+// over one, run side by side. Every workload runs on the three targets in
+// turn, --repeats times; the table shows the medians and their ratios to the
+// raw device. Needs root, fio, dmsetup and the null_blk module: it is meant
+// for the test VM (bench/cbt/run.sh), where it owns the machine.
+//
+//   cbt_bench [--module PATH] [--runtime SECONDS] [--repeats N] [--span MIB]
+#include <charconv>
+#include <cstdint>
+#include <exception>
+#include <iomanip>
+#include <iostream>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fio.h"
+#include "table.h"
+#include "testbed.h"
+
+namespace {
+
+constexpr std::uint32_t kDeviceGiB = 1;
+
+struct Options {
+    std::filesystem::path module = "driver/trak.ko";
+    std::uint32_t runtime_s = 8;
+    std::uint32_t repeats = 3;
+    std::uint32_t span_mib = 256;
+};
+
+std::uint32_t positive(std::string_view option, std::string_view text) {
+    std::uint32_t value = 0;
+    const auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc() || ptr != text.data() + text.size() || value == 0) {
+        throw std::invalid_argument(std::string(option) + " needs a positive number, not '" +
+                                    std::string(text) + "'");
+    }
+    return value;
+}
+
+Options parse_options(std::span<char*> args) {
+    Options options;
+    for (std::size_t i = 0; i < args.size(); i += 2) {
+        const std::string_view option = args[i];
+        if (i + 1 == args.size()) {
+            throw std::invalid_argument(std::string(option) + " needs a value");
+        }
+        const std::string_view value = args[i + 1];
+        if (option == "--module") {
+            options.module = value;
+        } else if (option == "--runtime") {
+            options.runtime_s = positive(option, value);
+        } else if (option == "--repeats") {
+            options.repeats = positive(option, value);
+        } else if (option == "--span") {
+            options.span_mib = positive(option, value);
+        } else {
+            throw std::invalid_argument("unknown option " + std::string(option));
+        }
+    }
+    if (std::uint64_t{options.span_mib} > std::uint64_t{kDeviceGiB} * 1024) {
+        throw std::invalid_argument("--span exceeds the devices' " + std::to_string(kDeviceGiB) +
+                                    " GiB");
+    }
+    return options;
+}
+
+// Every target's figures of one workload, `repeats` rounds of one run each.
+cbt::Row measure(const cbt::Workload& workload, const std::vector<cbt::Target>& targets,
+                 const Options& options, const cbt::FioSettings& settings) {
+    std::vector<std::vector<double>> figures(targets.size());
+    for (std::uint32_t round = 1; round <= options.repeats; ++round) {
+        std::cout << workload.name << ", round " << round << ':';
+        // Each round starts with another target, so that none always runs first.
+        for (std::size_t turn = 0; turn < targets.size(); ++turn) {
+            const std::size_t i = (turn + round - 1) % targets.size();
+            const double figure =
+                cbt::run_fio(targets[i].device, workload, settings).figure(workload);
+            figures[i].push_back(figure);
+            std::cout << ' ' << targets[i].name << ' ' << std::fixed << std::setprecision(1)
+                      << figure;
+        }
+        std::cout << (workload.per_op ? " IOPS" : " MiB/s") << std::endl;
+    }
+    cbt::Row row{.workload = &workload, .figures = {}};
+    row.figures.reserve(figures.size());
+    for (const std::vector<double>& values : figures) {
+        row.figures.push_back(cbt::median(values));
+    }
+    return row;
+}
+
+void run(const Options& options) {
+    const cbt::FioSettings settings{.runtime_s = options.runtime_s,
+                                    .span_bytes = std::uint64_t{options.span_mib} << 20U};
+    const cbt::Testbed testbed(options.module, kDeviceGiB);
+    std::vector<std::string> names;
+    names.reserve(testbed.targets().size());
+    for (const cbt::Target& target : testbed.targets()) {
+        std::cout << "target " << target.name << ": " << target.device << std::endl;
+        cbt::fill_span(target.device, settings);
+        names.push_back(target.name);
+    }
+    std::vector<cbt::Row> rows;
+    rows.reserve(cbt::kWorkloads.size());
+    for (const cbt::Workload& workload : cbt::kWorkloads) {
+        rows.push_back(measure(workload, testbed.targets(), options, settings));
+    }
+    std::cout << "\nMedians of " << options.repeats << " runs of " << options.runtime_s
+              << " s each over the first " << options.span_mib
+              << " MiB of each device (O_DIRECT, libaio):\n";
+    cbt::print_table(std::cout, names, rows);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const std::span<char*> args(argv, static_cast<std::size_t>(argc));
+        run(parse_options(args.subspan(1)));
+    } catch (const std::exception& error) {
+        std::cerr << "cbt_bench: " << error.what() << '\n';
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,87 @@
+#include "fio.h"
+
+#include <charconv>
+#include <stdexcept>
+#include <vector>
+
+#include "command.h"
+
+namespace cbt {
+
+namespace {
+
+// Fields of fio's terse output, version 3, counted from 1.
+constexpr std::size_t kErrorField = 5;
+constexpr std::size_t kWriteBandwidthField = 48;  // KiB/s
+constexpr std::size_t kWriteIopsField = 49;
+
+std::vector<std::string_view> split(std::string_view line, char separator) {
+    std::vector<std::string_view> fields;
+    for (std::size_t start = 0;;) {
+        const std::size_t end = line.find(separator, start);
+        fields.push_back(line.substr(start, end - start));
+        if (end == std::string_view::npos) {
+            return fields;
+        }
+        start = end + 1;
+    }
+}
+
+double number(const std::vector<std::string_view>& fields, std::size_t field) {
+    const std::string_view text = fields.at(field - 1);
+    double value = 0;
+    const auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || ptr != text.data() + text.size()) {
+        throw std::runtime_error("fio: field " + std::to_string(field) + " is not a number: '" +
+                                 std::string(text) + "'");
+    }
+    return value;
+}
+
+Measurement parse_terse(std::string_view output) {
+    const std::vector<std::string_view> fields = split(output.substr(0, output.find('\n')), ';');
+    // The first field is the terse version.
+    if (fields.size() < kWriteIopsField || fields.front() != "3") {
+        throw std::runtime_error("fio: unexpected output: " + std::string(output));
+    }
+    if (number(fields, kErrorField) != 0) {
+        throw std::runtime_error("fio: the job failed: " + std::string(output));
+    }
+    return {.iops = number(fields, kWriteIopsField),
+            .mib_per_s = number(fields, kWriteBandwidthField) / 1024};
+}
+
+std::vector<std::string> fio_args(const std::string& device, std::string_view rw,
+                                  std::uint32_t block_size, std::uint32_t queue_depth,
+                                  std::uint64_t span_bytes) {
+    return {"fio",
+            "--name=cbt",
+            "--filename=" + device,
+            "--rw=" + std::string(rw),
+            "--bs=" + std::to_string(block_size),
+            "--iodepth=" + std::to_string(queue_depth),
+            "--size=" + std::to_string(span_bytes),
+            "--direct=1",
+            "--ioengine=libaio",
+            "--randrepeat=0",
+            "--norandommap",
+            "--output-format=terse",
+            "--terse-version=3"};
+}
+
+}  // namespace
+
+Measurement run_fio(const std::string& device, const Workload& workload,
+                    const FioSettings& settings) {
+    std::vector<std::string> args = fio_args(device, workload.rw, workload.block_size,
+                                             workload.queue_depth, settings.span_bytes);
+    args.emplace_back("--time_based");
+    args.emplace_back("--runtime=" + std::to_string(settings.runtime_s));
+    return parse_terse(run_command(args));
+}
+
+void fill_span(const std::string& device, const FioSettings& settings) {
+    parse_terse(run_command(fio_args(device, "write", 1048576, 32, settings.span_bytes)));
+}
+
+}  // namespace cbt

@@ -1,0 +1,118 @@
+// trakctl start, stop and del: the minor they send and how they fail.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <tuple>
+
+#include "record_bytes.h"
+#include "trakctl_runner.h"
+
+namespace {
+
+using trak::Command;
+using trak_test::field_at;
+
+constexpr std::string_view kKernelLog = " See the kernel log (dmesg) for the driver's message.\n";
+
+// A verb and the command it issues.
+using NodeVerb = std::tuple<std::string_view, Command>;
+
+class TrakctlNodeVerb : public ::testing::TestWithParam<NodeVerb> {
+  protected:
+    static std::string_view verb() { return std::get<0>(GetParam()); }
+    static Command command() { return std::get<1>(GetParam()); }
+
+    trak_test::TrakctlRunner runner;
+};
+
+TEST_P(TrakctlNodeVerb, SendsTheMinorAndPrintsNothing) {
+    runner.driver().on(command(), [](void*) { return 0; });
+
+    const auto result = runner.run({verb(), "5"});
+
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(runner.driver().requests(),
+              std::vector<unsigned long>{trak::command_code(command())});
+    ASSERT_EQ(runner.driver().last_record().size(), 4U);
+    EXPECT_EQ(field_at<std::int32_t>(runner.driver().last_record(), 0), 5);
+}
+
+TEST_P(TrakctlNodeVerb, TakesExactlyOneMinor) {
+    EXPECT_EQ(runner.run({verb()}).status, 2);
+    EXPECT_EQ(runner.run({verb(), "1", "2"}).status, 2);
+    EXPECT_EQ(runner.run({verb(), "--json", "1"}).status, 2);
+    EXPECT_TRUE(runner.driver().requests().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Verbs, TrakctlNodeVerb,
+                         ::testing::Values(NodeVerb{"start", Command::StartNode},
+                                           NodeVerb{"stop", Command::StopNode},
+                                           NodeVerb{"del", Command::DelNode}),
+                         [](const auto& info) { return std::string(std::get<0>(info.param)); });
+
+class TrakctlNodeFailure : public ::testing::Test {
+  protected:
+    trak_test::TrakctlRunner runner;
+};
+
+TEST_F(TrakctlNodeFailure, StartOfAStartedNode) {
+    runner.driver().on(Command::StartNode, [](void*) { return -EALREADY; });
+
+    const auto result = runner.run({"start", "0"});
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err,
+              "trakctl: start 0: TRAK_START_NODE failed: EALREADY (the node is already started)." +
+                  std::string(kKernelLog));
+}
+
+TEST_F(TrakctlNodeFailure, StartOfAnUnknownMinor) {
+    runner.driver().on(Command::StartNode, [](void*) { return -EINVAL; });
+
+    const auto result = runner.run({"start", "9"});
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err,
+              "trakctl: start 9: TRAK_START_NODE failed: EINVAL (no node with that minor, or the "
+              "snap is DEFUNCT (its stop is pending) and cannot be restarted)." +
+                  std::string(kKernelLog));
+}
+
+TEST_F(TrakctlNodeFailure, StopOfAnOpenNode) {
+    runner.driver().on(Command::StopNode, [](void*) { return -EBUSY; });
+
+    const auto result = runner.run({"stop", "0"});
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err,
+              "trakctl: stop 0: TRAK_STOP_NODE failed: EBUSY (the node, or one of its snaps, is "
+              "open)." +
+                  std::string(kKernelLog));
+}
+
+TEST_F(TrakctlNodeFailure, DelOfAnUnknownMinorReturnsPositive22) {
+    runner.driver().on(Command::DelNode, [](void*) { return 22; });
+
+    const auto result = runner.run({"del", "3"});
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "trakctl: del 3: TRAK_DEL_NODE failed: +22 (no such node)." +
+                              std::string(kKernelLog));
+}
+
+TEST_F(TrakctlNodeFailure, DelOfAnOpenNode) {
+    runner.driver().on(Command::DelNode, [](void*) { return -EBUSY; });
+
+    const auto result = runner.run({"del", "0"});
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err,
+              "trakctl: del 0: TRAK_DEL_NODE failed: EBUSY (the node, or one of its snaps, is "
+              "open or cannot be stopped)." +
+                  std::string(kKernelLog));
+}
+
+}  // namespace

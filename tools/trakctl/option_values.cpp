@@ -1,0 +1,21 @@
+#include <string>
+
+#include "verb.h"
+
+namespace trakctl {
+
+void OptionValues::set(std::string_view name, std::string_view value) {
+    if (!values_.emplace(name, value).second) {
+        throw UsageError("option '" + std::string(name) + "' given twice");
+    }
+}
+
+std::optional<std::string_view> OptionValues::value(std::string_view name) const {
+    const auto found = values_.find(name);
+    if (found == values_.end()) {
+        return std::nullopt;
+    }
+    return found->second;
+}
+
+}  // namespace trakctl
