@@ -1,6 +1,7 @@
 #include "args.h"
 
 #include <charconv>
+#include <filesystem>
 #include <limits>
 #include <string>
 
@@ -55,5 +56,9 @@ std::string_view bitmap_kind_name(trak::BitmapKind kind) {
 }
 
 int parse_level(std::string_view text) { return parse_non_negative(text, "debug level"); }
+
+std::string absolute_path(std::string_view path) {
+    return std::filesystem::absolute(std::filesystem::path(path)).string();
+}
 
 }  // namespace trakctl

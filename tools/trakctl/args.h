@@ -4,6 +4,7 @@
 #include <trak/types.h>
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace trakctl {
@@ -23,6 +24,10 @@ trak::BitmapKind parse_bitmap_kind(std::string_view text);
 
 // The name of a bitmap kind as parse_bitmap_kind reads it.
 std::string_view bitmap_kind_name(trak::BitmapKind kind);
+
+// @path made absolute. The driver resolves paths in its own threads too,
+// where the caller's working directory means nothing.
+std::string absolute_path(std::string_view path);
 
 // A log verbosity: a decimal number from 0 to 2^31 - 1. Throws UsageError.
 int parse_level(std::string_view text);

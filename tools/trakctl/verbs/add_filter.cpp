@@ -1,6 +1,5 @@
 // trakctl add-filter: layer a filter node over a partition.
 #include <array>
-#include <filesystem>
 #include <string>
 #include <system_error>
 
@@ -25,12 +24,6 @@ std::string_view required(const Invocation& invocation, std::string_view name) {
         throw UsageError("option '" + std::string(name) + "' is required");
     }
     return *value;
-}
-
-// The driver resolves paths in its own threads too, where the caller's
-// working directory means nothing: hand it absolute paths.
-std::string absolute_path(std::string_view path) {
-    return std::filesystem::absolute(std::filesystem::path(path)).string();
 }
 
 // The node's device file under /dev/trak, which the driver publishes in

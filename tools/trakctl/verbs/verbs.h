@@ -11,6 +11,7 @@ const Verb& list_verb();
 const Verb& info_verb();
 const Verb& add_filter_verb();
 const Verb& start_verb();
+const Verb& test_datablock_verb();
 const Verb& stop_verb();
 const Verb& del_verb();
 const Verb& bitmap_verb();
