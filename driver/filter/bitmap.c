@@ -9,7 +9,9 @@
 #include <linux/fcntl.h>
 #include <linux/kdev_t.h>
 #include <linux/string.h>
+#include <linux/sched.h>
 #include <linux/vmalloc.h>
+#include <linux/workqueue.h>
 #include <asm/unaligned.h>
 
 #include "bitmap.h"
@@ -141,19 +143,19 @@ static int trak_bmp_read_file(struct trak_file *file, struct trak_bmp_ref *b,
 	return 0;
 }
 
-int trak_block_load_bmp(struct trak_blkdev *dev, unsigned int kind)
+static int trak_do_load_bmp(struct trak_blkdev *dev, unsigned int kind)
 {
 	struct trak_bmp_ref b = trak_bmp_of(dev, kind);
 	struct trak_file *file;
 	u8 *buf;
 	int rc;
 
-	trak_log(2, "%s(): Loading %s bitmap of trak(%d, %d)", __func__,
+	trak_log(2, "%s(): Loading %s bitmap of trak(%d, %d)", "trak_block_load_bmp",
 		 b.kind_name, trak_blk_major, dev->minor);
 	buf = vmalloc(b.size);
 	if (!buf) {
 		trak_log(TRAK_LOG_ERR, "%s(): Failed to allocate %d bytes.",
-			 __func__, b.size);
+			 "trak_block_load_bmp", b.size);
 		return -ENOMEM;
 	}
 
@@ -197,18 +199,18 @@ static int trak_bmp_write_file(struct trak_bmp_ref *b, const u8 *copy)
 	return rc < 0 ? rc : 0;
 }
 
-int trak_block_save_bmp(struct trak_blkdev *dev, unsigned int kind)
+static int trak_do_save_bmp(struct trak_blkdev *dev, unsigned int kind)
 {
 	struct trak_bmp_ref b = trak_bmp_of(dev, kind);
 	u8 *copy;
 	int rc;
 
-	trak_log(2, "%s(): Saving %s bitmap of trak(%d, %d)", __func__,
+	trak_log(2, "%s(): Saving %s bitmap of trak(%d, %d)", "trak_block_save_bmp",
 		 b.kind_name, trak_blk_major, dev->minor);
 	copy = vmalloc(b.size);
 	if (!copy) {
 		trak_log(TRAK_LOG_ERR, "%s(): Failed to allocate %d bytes.",
-			 __func__, b.size);
+			 "trak_block_save_bmp", b.size);
 		return -ENOMEM;
 	}
 
@@ -226,7 +228,7 @@ int trak_block_save_bmp(struct trak_blkdev *dev, unsigned int kind)
 	if (trak_bmp_on_own_partition(dev, b.fname)) {
 		trak_log(TRAK_LOG_ERR,
 			 "%s(): Can't save bitmap to %s. The file must be moved to a different partition.",
-			 __func__, b.fname);
+			 "trak_block_save_bmp", b.fname);
 		rc = -EINVAL;
 	} else {
 		rc = trak_bmp_write_file(&b, copy);
@@ -238,16 +240,18 @@ int trak_block_save_bmp(struct trak_blkdev *dev, unsigned int kind)
 	return rc;
 }
 
-int trak_block_save_dirty_bmps(struct trak_blkdev *dev)
+static int trak_do_save_dirty_bmps(struct trak_blkdev *dev,
+				   unsigned int unused)
 {
 	int rc = 0;
 
-	trak_log(1, "%s(): Saving dirty incr/diff bitmaps to disk", __func__);
+	trak_log(1, "%s(): Saving dirty incr/diff bitmaps to disk",
+		 "trak_block_save_dirty_bmps");
 	oxmutex_lock(&dev->filter.bmp_lock);
 	if (READ_ONCE(dev->filter.incr_bmp_dirty))
-		rc = trak_block_save_bmp(dev, TRAK_BMP_INCR);
+		rc = trak_do_save_bmp(dev, TRAK_BMP_INCR);
 	if (!rc && READ_ONCE(dev->filter.diff_bmp_dirty))
-		rc = trak_block_save_bmp(dev, TRAK_BMP_DIFF);
+		rc = trak_do_save_bmp(dev, TRAK_BMP_DIFF);
 	oxmutex_unlock(&dev->filter.bmp_lock);
 	return rc;
 }
@@ -291,4 +295,57 @@ int trak_block_write_dirty_flag(struct trak_blkdev *dev, unsigned int kind,
 out:
 	oxmutex_unlock(&dev->filter.bmp_lock);
 	return rc;
+}
+
+/*
+ * Bitmap files are opened by path, and a path means something only to a
+ * task with a file-system context: a process closing the node as it exits
+ * has none left, and a chrooted one has another root.  So the file work of
+ * user-space callers runs in a kernel worker, which resolves every path
+ * from the system's root; kernel threads (kdirtyd) do it themselves.
+ */
+struct trak_bmp_work {
+	struct work_struct work;
+	int (*fn)(struct trak_blkdev *dev, unsigned int kind);
+	struct trak_blkdev *dev;
+	unsigned int kind;
+	int rc;
+};
+
+static void trak_bmp_work_fn(struct work_struct *work)
+{
+	struct trak_bmp_work *w = container_of(work, struct trak_bmp_work, work);
+
+	w->rc = w->fn(w->dev, w->kind);
+}
+
+static int trak_bmp_in_kernel_context(int (*fn)(struct trak_blkdev *dev,
+						 unsigned int kind),
+				      struct trak_blkdev *dev, unsigned int kind)
+{
+	struct trak_bmp_work w = { .fn = fn, .dev = dev, .kind = kind };
+
+	if (current->flags & PF_KTHREAD)
+		return fn(dev, kind);
+
+	INIT_WORK_ONSTACK(&w.work, trak_bmp_work_fn);
+	queue_work(system_unbound_wq, &w.work);
+	flush_work(&w.work);
+	destroy_work_on_stack(&w.work);
+	return w.rc;
+}
+
+int trak_block_load_bmp(struct trak_blkdev *dev, unsigned int kind)
+{
+	return trak_bmp_in_kernel_context(trak_do_load_bmp, dev, kind);
+}
+
+int trak_block_save_bmp(struct trak_blkdev *dev, unsigned int kind)
+{
+	return trak_bmp_in_kernel_context(trak_do_save_bmp, dev, kind);
+}
+
+int trak_block_save_dirty_bmps(struct trak_blkdev *dev)
+{
+	return trak_bmp_in_kernel_context(trak_do_save_dirty_bmps, dev, 0);
 }

@@ -6,7 +6,9 @@
  */
 #include <linux/err.h>
 #include <linux/fcntl.h>
+#include <linux/file.h>
 #include <linux/fs.h>
+#include <linux/sched.h>
 #include <linux/slab.h>
 #include <linux/string.h>
 
@@ -122,8 +124,16 @@ int trak_fclose(struct trak_file *file)
 {
 	int rc = 0;
 
-	if (!IS_ERR_OR_NULL(file->filp))
+	if (!IS_ERR_OR_NULL(file->filp)) {
 		rc = filp_close(file->filp, NULL);
+		/*
+		 * A kernel thread's last reference is dropped later, by a
+		 * worker; finish it now, so that the file is really closed
+		 * (and its file system can be unmounted) when we return.
+		 */
+		if (current->flags & PF_KTHREAD)
+			flush_delayed_fput();
+	}
 	kfree(file->name);
 	kfree(file);
 	return rc;
