@@ -1,12 +1,20 @@
 // TRAK_TEST_DATABLOCK: the data-block map's self-test on real, filled file
 // systems made in the guest, and the refusals of what it cannot test.
-#include <algorithm>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
+#include "oracles.h"
 #include "support/command.h"
 #include "support/filter_test.h"
 #include "support/test_disks.h"
@@ -99,6 +107,50 @@ INSTANTIATE_TEST_SUITE_P(
                       FileSystem{"xfs", "xfs", {"mkfs.xfs", "-q", "-f", "-m", "crc=0"}},
                       FileSystem{"reiserfs", "reiserfs", {"mkreiserfs", "-q", "-f", "-f"}}),
     [](const auto& info) { return std::string(info.param.name); });
+
+std::uint64_t DeviceBytes(const char* device) {
+    std::uint64_t bytes = 0;
+    const int fd = open(device, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        if (ioctl(fd, BLKGETSIZE64, &bytes) != 0) {
+            bytes = 0;
+        }
+        close(fd);
+    }
+    return bytes;
+}
+
+std::vector<std::uint8_t> ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// The self-test's first dump is the reader's map at one bit per block; on a
+// filled ReiserFS (only the guest's kernel can fill one) it must equal the
+// bitmap that debugreiserfs reports, block for block.
+TEST_F(DatablockTest, FilledReiserfsBlockMapEqualsDebugreiserfs) {
+    constexpr std::uint64_t kBlock = 4096;
+    ASSERT_NO_FATAL_FAILURE(
+        MakeFilled(FileSystem{"reiserfs", "reiserfs", {"mkreiserfs", "-q", "-f", "-f"}}));
+    const std::uint64_t blocks = DeviceBytes(kSpareDisk) / kBlock;
+    ASSERT_GT(blocks, 0U);
+    const auto oracle = fsmap_test::DebugReiserfs(kSpareDisk, blocks);
+    ASSERT_EQ(oracle.block_size, kBlock);
+    ASSERT_GT(oracle.bitmaps, 1U) << "the partition must need several bitmap blocks";
+
+    ASSERT_EQ(TestDatablock(kSpareDisk), 0);
+
+    const std::uint64_t bytes = (blocks + 7) / 8;
+    const auto dump = ReadFile("/tmp/bmp." + std::to_string(kBlock) + "." + std::to_string(bytes));
+    ASSERT_EQ(dump.size(), bytes);
+    std::uint64_t used = 0;
+    for (std::uint64_t b = 0; b < blocks; b++) {
+        const bool reader = ((dump[b / 8] >> (b % 8)) & 1) != 0;
+        ASSERT_EQ(reader, static_cast<bool>(oracle.used[b])) << "block " << b;
+        used += reader ? 1 : 0;
+    }
+    EXPECT_EQ(used, blocks - oracle.free_blocks);
+}
 
 TEST_F(DatablockTest, MountedPartitionIsRefused) {
     ASSERT_TRUE(Succeeds({"mkfs.ext2", "-q", "-F", kSpareDisk}));
