@@ -235,6 +235,13 @@ static int trak_do_save_bmp(struct trak_blkdev *dev, unsigned int kind)
 	}
 	if (rc)
 		WRITE_ONCE(*b.dirty, 1);
+	else if (READ_ONCE(*b.dirty))
+		/*
+		 * A write raised the flag after the copy, and its request
+		 * may have been cancelled above: the file just written lacks
+		 * that change, so it must be marked dirty again.
+		 */
+		trak_sched_write_dirty_flag(dev, kind);
 	oxmutex_unlock(&dev->filter.bmp_lock);
 	vfree(copy);
 	return rc;
