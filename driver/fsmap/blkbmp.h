@@ -48,6 +48,29 @@ static inline bool trak_chunk_test(const void *bits, u32 i)
 }
 
 /*
+ * One step of a reader's walk over an allocation bitmap @map, turning its
+ * block bits into chunk bits of @bpc blocks each: @bit is the block bit to
+ * look at, @left the blocks of the current chunk not yet looked at, @out
+ * the current chunk.  A used block sets the chunk and jumps over the rest
+ * of it; a chunk whose blocks are all free is left clear.
+ */
+static inline void trak_chunk_walk_step(const void *map, u32 *bit, u32 *left,
+					u32 bpc, void *bits, u32 *out)
+{
+	if (trak_chunk_test(map, *bit)) {
+		trak_chunk_set(bits, (*out)++);
+		*bit += *left;
+		*left = bpc;
+	} else {
+		(*bit)++;
+		if (--*left == 0) {
+			(*out)++;
+			*left = bpc;
+		}
+	}
+}
+
+/*
  * Whether chunk @chunk may hold data.  Runs on the I/O path: no locks, no
  * sleeping; an invalid bitmap makes every chunk count as data.
  */

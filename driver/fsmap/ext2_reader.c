@@ -247,17 +247,8 @@ static int ext2_reader_read(void *p, u32 start, u32 chunk_size, u64 *bits,
 			      ctx->first_data_block + bit;
 			if (out >= n || blk >= ctx->blocks_count)
 				return 0;
-			if (trak_chunk_test(ctx->bitmap, bit)) {
-				trak_chunk_set(bits, out++);
-				bit += left;
-				left = bpc;
-			} else {
-				bit++;
-				if (--left == 0) {
-					out++;
-					left = bpc;
-				}
-			}
+			trak_chunk_walk_step(ctx->bitmap, &bit, &left, bpc, bits,
+					     &out);
 		}
 		/* A jump over the rest of a chunk may carry into the next group. */
 		bit -= group_bits;

@@ -232,17 +232,8 @@ static int reiserfs_reader_read(void *p, u32 start, u32 chunk_size,
 			if (out >= n || (u64)idx * bitmap_bits + bit >=
 			    reiserfs_block_count(ctx))
 				return 0;
-			if (trak_chunk_test(ctx->buf, bit)) {
-				trak_chunk_set(bits, out++);
-				bit += left;
-				left = bpc;
-			} else {
-				bit++;
-				if (--left == 0) {
-					out++;
-					left = bpc;
-				}
-			}
+			trak_chunk_walk_step(ctx->buf, &bit, &left, bpc, bits,
+					     &out);
 		}
 		/* A jump over the rest of a chunk may carry into the next bitmap. */
 		bit -= bitmap_bits;
