@@ -93,27 +93,27 @@ void Control::issue(Command command, Record& record) {
     }
 }
 
-NodeId Control::add_filter(const FilterSpec& spec) {
+NodeId Control::add_filter(const FilterSpec& wanted) {
     trak_add_filter_args rec{};
-    put_string(rec.hdd_name, spec.hdd_name, "hdd_name");
-    rec.minor = spec.minor;
-    rec.extent_size = spec.extent_size;
-    put_string(rec.bmp_dir, spec.bmp_dir, "bmp_dir");
-    put_string(rec.uuid, spec.uuid, "uuid");
-    put_string(rec.name, spec.name, "name");
+    put_string(rec.hdd_name, wanted.hdd_name, "hdd_name");
+    rec.minor = wanted.minor;
+    rec.extent_size = wanted.extent_size;
+    put_string(rec.bmp_dir, wanted.bmp_dir, "bmp_dir");
+    put_string(rec.uuid, wanted.uuid, "uuid");
+    put_string(rec.name, wanted.name, "name");
     issue(Command::AddFilterNode, rec);
     return {.minor = rec.minor, .uuid = get_string(rec.uuid), .name = get_string(rec.name)};
 }
 
-SnapNode Control::add_snap(const SnapSpec& spec) {
+SnapNode Control::add_snap(const SnapSpec& wanted) {
     trak_add_snap_args rec{};
-    rec.filter_minor = static_cast<std::uint32_t>(spec.filter_minor);
-    rec.snap_minor = spec.snap_minor;
-    rec.chunk_size = spec.chunk_size;
-    put_string(rec.cow_bmp_fname, spec.cow_bmp_fname, "cow_bmp_fname");
-    put_string(rec.cow_data_fname, spec.cow_data_fname, "cow_data_fname");
-    put_string(rec.uuid, spec.uuid, "uuid");
-    put_string(rec.name, spec.name, "name");
+    rec.filter_minor = static_cast<std::uint32_t>(wanted.filter_minor);
+    rec.snap_minor = wanted.snap_minor;
+    rec.chunk_size = wanted.chunk_size;
+    put_string(rec.cow_bmp_fname, wanted.cow_bmp_fname, "cow_bmp_fname");
+    put_string(rec.cow_data_fname, wanted.cow_data_fname, "cow_data_fname");
+    put_string(rec.uuid, wanted.uuid, "uuid");
+    put_string(rec.name, wanted.name, "name");
     issue(Command::AddSnapNode, rec);
     return {
         .id = {.minor = rec.snap_minor, .uuid = get_string(rec.uuid), .name = get_string(rec.name)},

@@ -25,8 +25,8 @@ class Control {
     explicit Control(const std::string& device_path = std::string(kDefaultControlDevice));
     explicit Control(std::unique_ptr<IoctlChannel> channel);
 
-    NodeId add_filter(const FilterSpec& spec);
-    SnapNode add_snap(const SnapSpec& spec);
+    NodeId add_filter(const FilterSpec& wanted);
+    SnapNode add_snap(const SnapSpec& wanted);
     void del_node(std::int32_t minor);
     void start(std::int32_t minor);
     void stop(std::int32_t minor);

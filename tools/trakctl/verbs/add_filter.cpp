@@ -37,7 +37,7 @@ std::string device_file(const trak::ProcTree& proc, std::int32_t minor) {
 }
 
 void run_add_filter(const Invocation& invocation) {
-    const trak::FilterSpec spec{
+    const trak::FilterSpec wanted{
         .hdd_name = absolute_path(invocation.args.front()),
         .minor = parse_signed_minor(invocation.options.value("--minor").value_or("-1")),
         .extent_size = parse_size(required(invocation, "--extent-size"), "extent size"),
@@ -45,7 +45,7 @@ void run_add_filter(const Invocation& invocation) {
         .uuid = std::string(invocation.options.value("--uuid").value_or("")),
         .name = std::string(invocation.options.value("--name").value_or("")),
     };
-    const trak::NodeId node = invocation.context.control().add_filter(spec);
+    const trak::NodeId node = invocation.context.control().add_filter(wanted);
     const std::string dev_name = device_file(invocation.context.proc(), node.minor);
     const Report report{
         {"minor", "minor", static_cast<std::int64_t>(node.minor)},
