@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "captured_log.h"
+#include "file_system_case.h"
 #include "fsmap_api.h"
 #include "images.h"
 #include "opened_image.h"
@@ -189,15 +189,6 @@ TEST_F(BlkbmpRead, AClearSegmentTakes1024BytesAndATinyOneTheNotionalLayout) {
     EXPECT_FALSE(trak_blkbmp_has_data(&bmp_, chunks - 1));
     EXPECT_TRUE(trak_blkbmp_has_data(&bmp_, chunks));
 }
-
-struct FileSystemCase {
-    std::string name;
-    uint32_t block_size;
-    std::function<std::string(const ScratchDir&)> make;
-    std::function<BlockMap(const std::string&, uint64_t)> oracle;
-};
-
-void PrintTo(const FileSystemCase& fs, std::ostream* os) { *os << fs.name; }
 
 class BlkbmpOfFileSystem : public testing::TestWithParam<FileSystemCase> {};
 

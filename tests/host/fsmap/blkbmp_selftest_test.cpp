@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "captured_log.h"
+#include "file_system_case.h"
 #include "fsmap_api.h"
 #include "images.h"
 #include "opened_image.h"
@@ -24,19 +24,10 @@ constexpr uint64_t kMiB = uint64_t{1024} * 1024;
 constexpr uint32_t kMaxPortionChunk = 65536;
 constexpr uint32_t kMinPortion = 128;
 
-struct SelfTestCase {
-    std::string name;
-    uint32_t block_size;
-    std::function<std::string(const ScratchDir&)> make;
-    std::function<BlockMap(const std::string&, uint64_t)> oracle;
-};
-
-void PrintTo(const SelfTestCase& fs, std::ostream* os) { *os << fs.name; }
-
-class BlkbmpSelfTest : public testing::TestWithParam<SelfTestCase> {};
+class BlkbmpSelfTest : public testing::TestWithParam<FileSystemCase> {};
 
 TEST_P(BlkbmpSelfTest, PassesAndDumpsTheBlockMap) {
-    const SelfTestCase& fs = GetParam();
+    const FileSystemCase& fs = GetParam();
     ScratchDir dir;
     const std::string image = fs.make(dir);
     OpenedImage dev(image);
@@ -86,18 +77,19 @@ TEST_P(BlkbmpSelfTest, PassesAndDumpsTheBlockMap) {
 INSTANTIATE_TEST_SUITE_P(
     Images, BlkbmpSelfTest,
     testing::Values(
-        SelfTestCase{"ext2_1k", 1024,
-                     [](const ScratchDir& d) { return MakeExtImage(d, "ext2", 1024, 30 * kMiB); },
-                     [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
-        SelfTestCase{"ext3_2k", 2048,
-                     [](const ScratchDir& d) { return MakeExtImage(d, "ext3", 2048, 96 * kMiB); },
-                     [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
-        SelfTestCase{"xfs_4k", 4096,
-                     [](const ScratchDir& d) { return MakeXfsImage(d, 4096, 2, 600, 320 * kMiB); },
-                     [](const std::string& i, uint64_t n) { return XfsDb(i, n).used; }},
-        SelfTestCase{"reiserfs_4k", 4096,
-                     [](const ScratchDir& d) { return MakeReiserfsImage(d, 200 * kMiB); },
-                     [](const std::string& i, uint64_t n) { return DebugReiserfs(i, n).used; }}),
+        FileSystemCase{"ext2_1k", 1024,
+                       [](const ScratchDir& d) { return MakeExtImage(d, "ext2", 1024, 30 * kMiB); },
+                       [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
+        FileSystemCase{"ext3_2k", 2048,
+                       [](const ScratchDir& d) { return MakeExtImage(d, "ext3", 2048, 96 * kMiB); },
+                       [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
+        FileSystemCase{
+            "xfs_4k", 4096,
+            [](const ScratchDir& d) { return MakeXfsImage(d, 4096, 2, 600, 320 * kMiB); },
+            [](const std::string& i, uint64_t n) { return XfsDb(i, n).used; }},
+        FileSystemCase{"reiserfs_4k", 4096,
+                       [](const ScratchDir& d) { return MakeReiserfsImage(d, 200 * kMiB); },
+                       [](const std::string& i, uint64_t n) { return DebugReiserfs(i, n).used; }}),
     [](const auto& info) { return info.param.name; });
 
 TEST(BlkbmpSelfTestEdges, ASmallFileSystemSkipsTheReaderRounds) {
