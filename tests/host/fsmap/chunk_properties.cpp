@@ -43,6 +43,22 @@ BlockMap ReadChunks(const trak_blkbmp_reader& reader, void* ctx, uint32_t start,
     return BitsOf(raw, n);
 }
 
+BlockMap ReadBlockMap(const trak_blkbmp_reader& reader, block_device* dev, uint32_t block_size,
+                      size_t blocks) {
+    uint32_t reported = 0;
+    void* ctx = reader.init(dev, &reported);
+    if (ctx == nullptr) {
+        ADD_FAILURE() << "the reader did not recognise the partition";
+        return {};
+    }
+    EXPECT_EQ(reported, block_size);
+    int rc = 0;
+    BlockMap map = ReadChunks(reader, ctx, 0, block_size, static_cast<uint32_t>(blocks), rc);
+    reader.destroy(ctx);
+    EXPECT_EQ(rc, 0);
+    return rc == 0 ? map : BlockMap{};
+}
+
 void ExpectChunkMapsAgree(const trak_blkbmp_reader& reader, void* ctx, uint32_t block_size,
                           const BlockMap& blocks) {
     int rc = 0;

@@ -17,6 +17,12 @@ constexpr uint32_t kMaxChunkSize = 2 * 1024 * 1024;
 BlockMap ReadChunks(const trak_blkbmp_reader& reader, void* ctx, uint32_t start,
                     uint32_t chunk_size, uint32_t n, int& rc);
 
+// The whole partition's map at one bit per block, read with a fresh context
+// of `reader`, which must recognise `dev` and report `block_size`. A failed
+// expectation is reported, and the map is then empty.
+BlockMap ReadBlockMap(const trak_blkbmp_reader& reader, block_device* dev, uint32_t block_size,
+                      size_t blocks);
+
 // For every chunk size from the block size up to 2 MiB: a chunk is used
 // exactly when one of its blocks is used in `blocks`, whether the map is read
 // in one call, in portions, or from arbitrary start chunks.

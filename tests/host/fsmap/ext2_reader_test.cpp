@@ -55,15 +55,8 @@ TEST_P(Ext2Reader, BlockMapEqualsDumpe2fs) {
     const ExtLayout ext = DumpE2fs(image_, dev.size() / block_size);
     ASSERT_GE(ext.groups, 3U);
 
-    uint32_t reported = 0;
-    void* ctx = trak_ext2_reader.init(dev.get(), &reported);
-    ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(reported, block_size);
-    int rc = 0;
-    const BlockMap map = ReadChunks(trak_ext2_reader, ctx, 0, block_size,
-                                    static_cast<uint32_t>(ext.used.size()), rc);
-    trak_ext2_reader.destroy(ctx);
-    ASSERT_EQ(rc, 0);
+    const BlockMap map = ReadBlockMap(trak_ext2_reader, dev.get(), block_size, ext.used.size());
+    ASSERT_FALSE(map.empty());
     EXPECT_EQ(Difference(map, ext.used), "");
     EXPECT_TRUE(map[0]) << "the boot block is always used";
 }

@@ -51,15 +51,9 @@ TEST_F(ReiserfsReader, BlockMapEqualsDebugreiserfs) {
     EXPECT_EQ(rfs_.bitmap_blocks, (std::vector<uint64_t>{17, 32768}));
 
     OpenedImage dev(image_);
-    uint32_t reported = 0;
-    void* ctx = trak_reiserfs_reader.init(dev.get(), &reported);
-    ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(reported, kBlockSize);
-    int rc = 0;
-    const BlockMap map = ReadChunks(trak_reiserfs_reader, ctx, 0, kBlockSize,
-                                    static_cast<uint32_t>(rfs_.used.size()), rc);
-    trak_reiserfs_reader.destroy(ctx);
-    ASSERT_EQ(rc, 0);
+    const BlockMap map =
+        ReadBlockMap(trak_reiserfs_reader, dev.get(), kBlockSize, rfs_.used.size());
+    ASSERT_FALSE(map.empty());
     EXPECT_EQ(Difference(map, rfs_.used), "");
     EXPECT_TRUE(map[32768]) << "bitmap 1 marks itself used";
 }

@@ -56,15 +56,8 @@ TEST_P(XfsReader, BlockMapEqualsTheFreeSpaceRecords) {
     }
 
     OpenedImage dev(image_);
-    uint32_t reported = 0;
-    void* ctx = trak_xfs_reader.init(dev.get(), &reported);
-    ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(reported, g.block_size);
-    int rc = 0;
-    const BlockMap map = ReadChunks(trak_xfs_reader, ctx, 0, g.block_size,
-                                    static_cast<uint32_t>(xfs_.used.size()), rc);
-    trak_xfs_reader.destroy(ctx);
-    ASSERT_EQ(rc, 0);
+    const BlockMap map = ReadBlockMap(trak_xfs_reader, dev.get(), g.block_size, xfs_.used.size());
+    ASSERT_FALSE(map.empty());
     EXPECT_EQ(Difference(map, xfs_.used), "");
 }
 
