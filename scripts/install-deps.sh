@@ -5,7 +5,7 @@ set -eu
 
 PACKAGES="build-essential bc flex bison libelf-dev
 linux-image-amd64 linux-headers-amd64 linux-source-6.1 sparse
-qemu-system-x86 busybox-static cpio kmod
+qemu-system-x86 busybox-static cpio kmod procps
 cmake googletest libgtest-dev clang-format clang-tidy
 e2fsprogs xfsprogs reiserfsprogs dmsetup fio"
 

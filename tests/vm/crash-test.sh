@@ -25,7 +25,7 @@ fi
 
 status=0
 "$here/harness/run-vm.sh" --out "$out/boot1" --disks 2 --disk-size 128M \
-	--timeout 240 -- "$@" --gtest_filter=CrashSafetyTest.PowerOffDuringWrites \
+	--timeout 400 -- "$@" --gtest_filter=CrashSafetyTest.PowerOffDuringWrites \
 	>"$out/boot1.log" 2>&1 || status=$?
 cat "$out/boot1.log"
 if [ "$status" -ne 125 ] ||
@@ -38,5 +38,5 @@ fi
 echo "crash-test.sh: boot 1 was powered off during writes, as intended"
 
 "$here/harness/run-vm.sh" --out "$out/boot2" --disk "$out/boot1/disk0.img" \
-	--disk "$out/boot1/disk1.img" --timeout 240 -- \
+	--disk "$out/boot1/disk1.img" --timeout 400 -- \
 	"$@" --gtest_filter=CrashSafetyTest.DirtyFilesAfterPowerOffGiveAllOnes

@@ -31,7 +31,7 @@ else
 fi
 status=0
 "$here/harness/run-vm.sh" --out "$out" --disks 2 --disk-size 320M \
-	--timeout 540 -- "$@" || status=$?
+	--timeout 1400 -- "$@" || status=$?
 # GoogleTest exits with 1 when a case failed.
 if [ "$status" -eq 1 ] && [ -s "$xml" ]; then
 	echo "run-suite.sh: some cases failed; see their own tests"

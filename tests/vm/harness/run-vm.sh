@@ -20,8 +20,20 @@
 #   --mem MB           guest memory (default 2048)
 #   --smp N            guest CPUs (default 2)
 #   --timeout SEC      kill the VM after SEC seconds (default 600)
+#   --print-within SEC give up when the kernel has printed nothing after
+#                      SEC seconds (default 20 under KVM, 60 under TCG)
+#   --start-within SEC give up when the guest has not reached CMD after
+#                      SEC seconds (default 120)
 #   --unload-prefix P  modules whose names start with P must unload at the
 #                      end (default trak)
+#
+# Accelerator: pick-accel.sh chooses KVM only when the CPU offers vmx or
+# svm and /dev/kvm is usable, TCG otherwise; TRAK_VM_ACCEL=kvm|tcg forces
+# the choice.  A guest whose kernel prints nothing within the
+# --print-within bound under a KVM that was not forced is retried once under
+# TCG, and the retry is reported.  TRAK_VM_QEMU names another QEMU binary
+# (the self-test uses stand-ins).  The summary line names the accelerator
+# that ran.
 #
 # Exit status: CMD's own when it ran and the kernel stayed clean: no bug
 # report on the console (scan-console.sh), every module with the prefix
@@ -44,11 +56,13 @@ given=()
 mem=2048
 smp=2
 timeout=600
+print_within=
+start_within=120
 prefix=trak
 while (($#)); do
 	case $1 in
 	--out | --disks | --disk-size | --disk | --mem | --smp | --timeout | \
-		--unload-prefix)
+		--print-within | --start-within | --unload-prefix)
 		(($# >= 2)) || usage
 		case $1 in
 		--out) out=$2 ;;
@@ -58,6 +72,8 @@ while (($#)); do
 		--mem) mem=$2 ;;
 		--smp) smp=$2 ;;
 		--timeout) timeout=$2 ;;
+		--print-within) print_within=$2 ;;
+		--start-within) start_within=$2 ;;
 		--unload-prefix) prefix=$2 ;;
 		esac
 		shift 2
@@ -70,7 +86,7 @@ while (($#)); do
 	esac
 done
 (($#)) || usage
-for n in "$ndisks" "$mem" "$smp" "$timeout"; do
+for n in "$ndisks" "$mem" "$smp" "$timeout" "${print_within:-0}" "$start_within"; do
 	[[ $n =~ ^[0-9]+$ ]] || usage
 done
 
@@ -110,29 +126,101 @@ for d in "${disks[@]}"; do
 	drives+=(-drive "file=${d//,/,,},format=raw,if=virtio,cache=unsafe")
 done
 
-accel=tcg
-[ -r /dev/kvm ] && [ -w /dev/kvm ] && accel=kvm
+choice_status=0
+choice=$("$here/pick-accel.sh" 2>&1) || choice_status=$?
+if ((choice_status)); then
+	((choice_status == 2)) || choice_status=125
+	fail "${choice#pick-accel.sh: }" "$choice_status"
+fi
+read -r accel accel_mode accel_reason <<<"$choice"
+echo "run-vm.sh: accel $accel ($accel_reason)"
+
+# stop_vm: stops the VM's timeout, which stops QEMU; the group around them
+# then ends by itself.
+stop_vm() {
+	[ -z "$vm" ] || pkill -TERM -P "$vm" 2>/dev/null || true
+}
+
+# boot: runs the VM under $accel in the background, watches it and waits
+# for it.  Sets vm_status (QEMU's, or timeout's 124), printed (1 when the
+# kernel printed anything at all) and boot_stalled: "silent" when the
+# kernel printed nothing within $print_within s, "no-start" when the guest
+# did not reach the command within $start_within s (QEMU is killed in both
+# cases), or empty.
+boot() {
+	local limit=${print_within:-$([ "$accel" = kvm ] && echo 20 || echo 60)}
+	local started=0 elapsed
+	printed=0
+	rm -f "$out/console.log"
+	# The group keeps bash's notices of a QEMU killed by a signal off the
+	# harness's output: the status tells the same.
+	{ timeout --kill-after=10 "$timeout" \
+		"${TRAK_VM_QEMU:-qemu-system-x86_64}" -machine "q35,accel=$accel" \
+		-cpu max -smp "$smp" -m "$mem" -nographic -no-reboot -nic none \
+		-kernel "/boot/vmlinuz-$kver" -initrd "$harness/initramfs.cpio.gz" \
+		-append "console=ttyS0 loglevel=7 panic=-1 sysrq_always_enabled=1" \
+		-fsdev local,id=hostroot,path=/,security_model=none,readonly=on,multidevs=remap \
+		-device virtio-9p-pci,fsdev=hostroot,mount_tag=hostroot \
+		-fsdev "local,id=out,path=${out//,/,,},security_model=none" \
+		-device virtio-9p-pci,fsdev=out,mount_tag=out \
+		"${drives[@]}" </dev/null >"$out/console.log" 2>&1; } 2>/dev/null &
+	vm=$!
+	boot_stalled=
+	boot_limit=$limit
+	local start=$SECONDS
+	while kill -0 "$vm" 2>/dev/null; do
+		elapsed=$((SECONDS - start))
+		((printed)) || ! grep -q 'Linux version' "$out/console.log" ||
+			printed=1
+		((started)) || [ ! -e "$harness/started" ] || started=1
+		if ((!printed && elapsed >= limit)); then
+			boot_stalled=silent
+		elif ((!started && elapsed >= start_within)); then
+			boot_stalled=no-start
+			boot_limit=$start_within
+		fi
+		if [ -n "$boot_stalled" ]; then
+			stop_vm
+			break
+		fi
+		sleep 0.5
+	done
+	vm_status=0
+	wait "$vm" || vm_status=$?
+	if grep -q 'Linux version' "$out/console.log"; then
+		printed=1
+	fi
+}
 
 # The VM runs in the background so that the traps below can stop it.
-timeout --kill-after=10 "$timeout" \
-	qemu-system-x86_64 -machine "q35,accel=$accel" -cpu max \
-	-smp "$smp" -m "$mem" -nographic -no-reboot -nic none \
-	-kernel "/boot/vmlinuz-$kver" -initrd "$harness/initramfs.cpio.gz" \
-	-append "console=ttyS0 loglevel=7 panic=-1 sysrq_always_enabled=1" \
-	-fsdev local,id=hostroot,path=/,security_model=none,readonly=on,multidevs=remap \
-	-device virtio-9p-pci,fsdev=hostroot,mount_tag=hostroot \
-	-fsdev "local,id=out,path=${out//,/,,},security_model=none" \
-	-device virtio-9p-pci,fsdev=out,mount_tag=out \
-	"${drives[@]}" </dev/null >"$out/console.log" 2>&1 &
-vm=$!
-trap 'kill "$vm" 2>/dev/null || true' EXIT
+vm=
+trap stop_vm EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 start=$SECONDS
-vm_status=0
-wait "$vm" || vm_status=$?
+boot
+if ((!printed)) && [ "$accel" = kvm ] && [ "$accel_mode" = auto ]; then
+	if [ "$boot_stalled" = silent ]; then
+		echo "run-vm.sh: the guest printed nothing for $boot_limit s" \
+			"under kvm; retrying once under tcg"
+	else
+		echo "run-vm.sh: QEMU under kvm exited with status $vm_status" \
+			"before the guest printed anything; retrying once under tcg"
+	fi
+	accel=tcg
+	boot
+fi
 trap - EXIT
-echo "run-vm.sh: VM ran $((SECONDS - start)) s ($accel, kernel $kver)"
+echo "run-vm.sh: VM ran $((SECONDS - start)) s (accel $accel, kernel $kver)"
+
+if [ -n "$boot_stalled" ]; then
+	echo "----- end of $out/console.log -----"
+	tail -n 40 "$out/console.log"
+	if [ "$boot_stalled" = silent ]; then
+		fail "the guest printed nothing for $boot_limit s (accel $accel)"
+	fi
+	fail "the guest did not reach the command within $boot_limit s (accel $accel)"
+fi
 
 if [ -s "$harness/output.log" ]; then
 	echo "----- output of ${*} -----"
