@@ -15,6 +15,7 @@
 #define EXT2_SB_INODES_PER_GROUP	40
 #define EXT2_SB_MAGIC			56
 #define EXT2_SB_FEATURE_INCOMPAT	96
+#define EXT2_SB_FEATURE_RO_COMPAT	100
 
 #define EXT2_MAGIC			0xEF53
 #define EXT2_FEATURE_INCOMPAT_META_BG	0x10
@@ -24,6 +25,62 @@
 #define EXT2_DESC_SIZE			32
 #define EXT2_BG_BLOCK_BITMAP		0
 #define EXT2_BG_FREE_BLOCKS_COUNT	12
+
+/*
+ * The features this reader reads correctly: none of them moves a group's
+ * descriptor or changes what a bit of its block bitmap stands for.  Any
+ * other feature may (64-bit descriptors, clusters, uninitialised groups),
+ * and guessing there could call a used block free, which would let a
+ * snapshot skip a chunk that holds data.
+ */
+#define EXT2_INCOMPAT_READABLE	(0x0002 /* filetype */ |		\
+				 0x0004 /* needs_recovery */ |		\
+				 0x0040 /* extent */ |			\
+				 0x0100 /* mmp */ |			\
+				 0x0200 /* flex_bg: bitmaps anywhere */ |	\
+				 0x0400 /* ea_inode */ |		\
+				 0x1000 /* dirdata */ |			\
+				 0x2000 /* metadata_csum_seed */ |	\
+				 0x4000 /* large_dir */ |		\
+				 0x8000 /* inline_data */ |		\
+				 0x10000 /* encrypt */ |		\
+				 0x20000 /* casefold */)
+#define EXT2_RO_COMPAT_READABLE	(0x0001 /* sparse_super */ |		\
+				 0x0002 /* large_file */ |		\
+				 0x0004 /* btree_dir */ |		\
+				 0x0008 /* huge_file */ |		\
+				 0x0020 /* dir_nlink */ |		\
+				 0x0040 /* extra_isize */ |		\
+				 0x0100 /* quota */ |			\
+				 0x1000 /* read-only */ |		\
+				 0x2000 /* project */ |			\
+				 0x4000 /* shared_blocks */ |		\
+				 0x8000 /* verity */ |			\
+				 0x10000 /* orphan_present */)
+
+struct ext2_feature_name {
+	u32 mask;
+	const char *name;
+};
+
+static const struct ext2_feature_name ext2_incompat_names[] = {
+	{ 0x0001, "compression" },
+	{ 0x0008, "journal_dev" },
+	{ 0x0080, "64bit" },
+	{ 0, NULL }
+};
+
+static const struct ext2_feature_name ext2_ro_compat_names[] = {
+	{ 0x0010, "uninit_bg" },
+	{ 0x0080, "snapshot" },
+	{ 0x0200, "bigalloc" },
+	{ 0x0400, "metadata_csum" },
+	{ 0x0800, "replica" },
+	{ 0, NULL }
+};
+
+/* Longest list of feature names a refusal names, with its separators. */
+#define EXT2_FEATURE_LIST_SIZE	160
 
 struct ext2_reader {
 	struct block_device *bdev;
@@ -53,6 +110,55 @@ static void ext2_reader_destroy(void *p)
 	kfree(ctx);
 }
 
+/*
+ * Appends to @list the names of the features in @features that @table
+ * knows, and "@kind 0x..." for any others.  Returns the new length.
+ */
+static int ext2_feature_list(char *list, int len, u32 features,
+			     const struct ext2_feature_name *table,
+			     const char *kind)
+{
+	const struct ext2_feature_name *f;
+
+	for (f = table; f->name; f++) {
+		if (!(features & f->mask))
+			continue;
+		len += scnprintf(list + len, EXT2_FEATURE_LIST_SIZE - len,
+				 "%s%s", len ? ", " : "", f->name);
+		features &= ~f->mask;
+	}
+	if (features)
+		len += scnprintf(list + len, EXT2_FEATURE_LIST_SIZE - len,
+				 "%s%s 0x%x", len ? ", " : "", kind, features);
+	return len;
+}
+
+/*
+ * Refuses a file system with a feature that changes how its descriptors or
+ * block bitmaps must be read (EXT2_*_READABLE), naming the features.
+ */
+static int ext2_reader_check_features(struct block_device *bdev,
+				      const u8 *sb, const char *func)
+{
+	u32 incompat = get_unaligned_le32(sb + EXT2_SB_FEATURE_INCOMPAT) &
+		       ~EXT2_INCOMPAT_READABLE;
+	u32 ro_compat = get_unaligned_le32(sb + EXT2_SB_FEATURE_RO_COMPAT) &
+			~EXT2_RO_COMPAT_READABLE;
+	char list[EXT2_FEATURE_LIST_SIZE];
+	int len;
+
+	if (!incompat && !ro_compat)
+		return 0;
+	len = ext2_feature_list(list, 0, incompat, ext2_incompat_names,
+				"incompat");
+	ext2_feature_list(list, len, ro_compat, ext2_ro_compat_names,
+			  "ro_compat");
+	trak_log(TRAK_LOG_ERR,
+		 "%s(): Sorry, we don't support ext2/ext3 with %s on hdd(%d, %d).",
+		 func, list, MAJOR(bdev->bd_dev), MINOR(bdev->bd_dev));
+	return -EINVAL;
+}
+
 /* The checks and tables after recognition; logs under @func. */
 static int ext2_reader_setup(struct ext2_reader *ctx, const u8 *sb,
 			     const char *func)
@@ -75,6 +181,9 @@ static int ext2_reader_setup(struct ext2_reader *ctx, const u8 *sb,
 			 func);
 		return -EINVAL;
 	}
+	rc = ext2_reader_check_features(bdev, sb, func);
+	if (rc)
+		return rc;
 
 	ctx->group_count = DIV_ROUND_UP(ctx->blocks_count -
 					ctx->first_data_block,

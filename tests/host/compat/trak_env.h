@@ -15,6 +15,7 @@
 #include <endian.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -62,6 +63,19 @@ static inline bool is_power_of_2(u64 n) { return n != 0 && (n & (n - 1)) == 0; }
 static inline int ilog2(u64 n) { return 63 - __builtin_clzll(n); }
 static inline u64 roundup_pow_of_two(u64 n) { return n <= 1 ? 1 : 2ULL << ilog2(n - 1); }
 static inline unsigned int hweight8(unsigned int v) { return __builtin_popcount(v & 0xFF); }
+
+/* The kernel's snprintf that returns what it wrote, not what it wanted. */
+__attribute__((format(printf, 3, 4))) static inline int scnprintf(char* buf, size_t size,
+                                                                  const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(buf, size, fmt, ap);
+    va_end(ap);
+    if (n < 0 || size == 0) {
+        return 0;
+    }
+    return (size_t)n < size ? n : (int)size - 1;
+}
 
 /* On-disk numbers. */
 static inline u16 get_unaligned_le16(const void* p) {

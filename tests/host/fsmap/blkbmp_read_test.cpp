@@ -86,6 +86,29 @@ TEST_F(BlkbmpRead, AnUnrecognisedPartitionLeavesTheBitmapInvalid) {
     }());
 }
 
+// Never a used chunk taken for free: a default ext4, whose descriptors
+// the ext2/ext3 reader cannot read yet, leaves every chunk counting as data.
+TEST_F(BlkbmpRead, ADefaultExt4LeavesTheBitmapInvalid) {
+    OpenedImage dev(MakeExtImage(dir_, "ext4", 4096, 256 * kMiB));
+    EXPECT_EQ(trak_blkbmp_read(&bmp_, dev.get(), 65536), -EINVAL);
+    const std::vector<LogLine> expected = {
+        {2, "ext2_reader_init(): Detected ext2/ext3 FS on hdd(7, 3)"},
+        {TRAK_LOG_ERR,
+         "ext2_reader_init(): Sorry, we don't support ext2/ext3 with 64bit, metadata_csum on "
+         "hdd(7, 3)."},
+        {3, "reiserfs_reader_init(): hdd(7, 3) doesn't have ReiserFS."},
+        {3, "xfs_reader_init(): hdd(7, 3) doesn't have XFS."},
+        {1,
+         "trak_blkbmp_read(): Cannot recognize file system on hdd(7, 3). Datablocks will be "
+         "disabled"},
+    };
+    EXPECT_EQ(TakeLog(), expected);
+    EXPECT_EQ(bmp_.valid, 0);
+    for (uint64_t c = 0; c < 256 * kMiB / 65536; c++) {
+        ASSERT_TRUE(trak_blkbmp_has_data(&bmp_, c)) << "chunk " << c;
+    }
+}
+
 TEST_F(BlkbmpRead, APartitionTooSmallForTheSuperblocksIsNotRecognised) {
     OpenedImage dev(MakeBlankImage(dir_, "tiny.img", 1024));
     EXPECT_EQ(trak_blkbmp_read(&bmp_, dev.get(), 4096), -EINVAL);

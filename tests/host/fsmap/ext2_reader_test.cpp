@@ -148,6 +148,91 @@ TEST_F(Ext2ReaderEdges, RefusesMetaBlockGroups) {
     EXPECT_EQ(TakeLog(), expected);
 }
 
+// What mkfs.ext4 makes by default, and the features that change how
+// descriptors or block bitmaps must be read, are refused by name; the map
+// then stays invalid rather than calling used blocks free.
+struct RefusedFeatures {
+    std::string name;
+    std::string mkfs_options;
+    std::string features;
+};
+
+class Ext2ReaderRefusal : public testing::TestWithParam<RefusedFeatures> {
+  protected:
+    void SetUp() override { TakeLog(); }
+    ScratchDir dir_;
+};
+
+TEST_P(Ext2ReaderRefusal, NamesTheFeaturesItCannotRead) {
+    const std::string image =
+        MakeExtImage(dir_, "ext4", 4096, 64 * kMiB, 0, GetParam().mkfs_options);
+    OpenedImage dev(image);
+    uint32_t block_size = 0;
+    EXPECT_EQ(trak_ext2_reader.init(dev.get(), &block_size), nullptr);
+    EXPECT_EQ(block_size, 4096U);
+    const std::vector<LogLine> expected = {
+        {2, "ext2_reader_init(): Detected ext2/ext3 FS on hdd(7, 3)"},
+        {TRAK_LOG_ERR, "ext2_reader_init(): Sorry, we don't support ext2/ext3 with " +
+                           GetParam().features + " on hdd(7, 3)."},
+    };
+    EXPECT_EQ(TakeLog(), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ext4, Ext2ReaderRefusal,
+    testing::Values(RefusedFeatures{"defaults", "", "64bit, metadata_csum"},
+                    RefusedFeatures{"uninit_bg", "-O ^64bit,^metadata_csum,uninit_bg", "uninit_bg"},
+                    RefusedFeatures{"bigalloc", "-O ^64bit,^metadata_csum,bigalloc -C 65536",
+                                    "bigalloc"}),
+    [](const auto& info) { return info.param.name; });
+
+TEST_F(Ext2ReaderEdges, RefusesFeatureBitsItDoesNotKnow) {
+    constexpr uint64_t kSbIncompat = 96;
+    constexpr uint64_t kSbRoCompat = 100;
+    const std::string image = MakeExtImage(dir_, "ext2", 1024, 32 * kMiB);
+    const std::vector<uint8_t> incompat = ReadBytes(image, kSuperblock + kSbIncompat, 4);
+    std::vector<uint8_t> unknown = incompat;
+    unknown[3] |= 0x80;
+    WriteBytes(image, kSuperblock + kSbIncompat, unknown);
+    {
+        OpenedImage dev(image);
+        EXPECT_EQ(trak_ext2_reader.init(dev.get(), nullptr), nullptr);
+    }
+    WriteBytes(image, kSuperblock + kSbIncompat, incompat);
+    std::vector<uint8_t> ro_compat = ReadBytes(image, kSuperblock + kSbRoCompat, 4);
+    ro_compat[3] |= 0x40;
+    WriteBytes(image, kSuperblock + kSbRoCompat, ro_compat);
+    {
+        OpenedImage dev(image);
+        EXPECT_EQ(trak_ext2_reader.init(dev.get(), nullptr), nullptr);
+    }
+    const std::vector<LogLine> expected = {
+        {2, "ext2_reader_init(): Detected ext2/ext3 FS on hdd(7, 3)"},
+        {TRAK_LOG_ERR,
+         "ext2_reader_init(): Sorry, we don't support ext2/ext3 with incompat 0x80000000 on "
+         "hdd(7, 3)."},
+        {2, "ext2_reader_init(): Detected ext2/ext3 FS on hdd(7, 3)"},
+        {TRAK_LOG_ERR,
+         "ext2_reader_init(): Sorry, we don't support ext2/ext3 with ro_compat 0x40000000 on "
+         "hdd(7, 3)."},
+    };
+    EXPECT_EQ(TakeLog(), expected);
+}
+
+// flex_bg only moves the bitmaps, whose places the descriptors give; the
+// other ext4 features leave the allocation map alone.
+TEST_F(Ext2ReaderEdges, ReadsExt4WithoutTheFeaturesItCannotRead) {
+    const uint32_t block_size = 4096;
+    const std::string image =
+        MakeExtImage(dir_, "ext4", block_size, 384 * kMiB, 0, "-O ^64bit,^metadata_csum");
+    OpenedImage dev(image);
+    const ExtLayout ext = DumpE2fs(image, dev.size() / block_size);
+    ASSERT_GE(ext.groups, 3U);
+    const BlockMap map = ReadBlockMap(trak_ext2_reader, dev.get(), block_size, ext.used.size());
+    ASSERT_FALSE(map.empty());
+    EXPECT_EQ(Difference(map, ext.used), "");
+}
+
 TEST_F(Ext2ReaderEdges, RefusesASuperblockWithoutBlocksPerGroup) {
     const std::string image = MakeExtImage(dir_, "ext2", 1024, 32 * kMiB);
     WriteBytes(image, kSuperblock + kSbBlocksPerGroup, {0, 0, 0, 0});
