@@ -11,13 +11,15 @@
 #include "filter/bitmap.h"
 #include "lifecycle.h"
 #include "registry.h"
+#include "snap/snap_lifecycle.h"
 
 int trak_block_start_device(struct trak_blkdev *dev)
 {
-	int rc = 0;
-
 	trak_log(1, "%s(): Starting trak(%d, %d)", __func__, trak_blk_major,
 		 dev->minor);
+	if (dev->dev_type == TRAK_DEV_SNAP)
+		return trak_snap_start(dev);
+
 	oxmutex_lock(&dev->lock);
 	if (dev->started) {
 		oxmutex_unlock(&dev->lock);
@@ -30,7 +32,20 @@ int trak_block_start_device(struct trak_blkdev *dev)
 	trak_log(3, "%s(): trak(%d, %d) has been started successfully",
 		 __func__, trak_blk_major, dev->minor);
 	oxmutex_unlock(&dev->lock);
-	return rc;
+	return 0;
+}
+
+/* Snaps stop first: the COW thread they need goes with the filter. */
+static int trak_filter_stop(struct trak_blkdev *dev)
+{
+	int rc;
+
+	rc = trak_filter_stop_snaps(dev);
+	if (rc)
+		return rc;
+	trak_cowthread_shutdown(&dev->filter.cowthread);
+	trak_block_save_dirty_bmps(dev);
+	return 0;
 }
 
 int trak_block_stop_device(struct trak_blkdev *dev)
@@ -39,6 +54,9 @@ int trak_block_stop_device(struct trak_blkdev *dev)
 
 	trak_log(2, "%s(): Stopping trak(%d, %d)", __func__, trak_blk_major,
 		 dev->minor);
+	if (dev->dev_type == TRAK_DEV_SNAP)
+		return trak_snap_stop(dev);
+
 	oxmutex_lock(&dev->lock);
 	if (!dev->started)
 		goto out;
@@ -49,7 +67,9 @@ int trak_block_stop_device(struct trak_blkdev *dev)
 		goto out;
 	}
 	if (dev->dev_type == TRAK_DEV_FILTER)
-		trak_block_save_dirty_bmps(dev);
+		rc = trak_filter_stop(dev);
+	if (rc)
+		goto out;
 	WRITE_ONCE(dev->started, 0);
 	trak_log(3, "%s(): trak(%d, %d) has been stopped successfully",
 		 __func__, trak_blk_major, dev->minor);
