@@ -245,22 +245,6 @@ static u32 trak_cow_chunk_of(sector_t sector, u32 chunk_shift)
 	return sector >> (chunk_shift - SECTOR_SHIFT);
 }
 
-/* The first chunk of @req that @snap has not preserved; false when none. */
-static bool trak_cow_first_missing(struct trak_cow_request *req,
-				   struct trak_blkdev *snap, u32 *chunk)
-{
-	u32 c, last = trak_cow_chunk_of(req->last, snap->snap.chunk_shift);
-
-	for (c = trak_cow_chunk_of(req->first, snap->snap.chunk_shift);
-	     c <= last; c++) {
-		if (!trak_cow_store_has(&snap->snap.store, c)) {
-			*chunk = c;
-			return true;
-		}
-	}
-	return false;
-}
-
 static void trak_cow_group_add(struct trak_cow_work *w,
 			       struct trak_cow_group *g, u32 chunk)
 {
@@ -273,15 +257,39 @@ static void trak_cow_group_add(struct trak_cow_work *w,
 	w->chunks[g->cnt++] = chunk;
 }
 
+/*
+ * Adds the chunks of @req that @snap has not preserved to the group, as
+ * many as it holds; returns how many are missing, in the group or not.
+ */
+static u32 trak_cow_add_missing(struct trak_cow_work *w,
+				struct trak_cow_group *g,
+				struct trak_cow_request *req,
+				struct trak_blkdev *snap)
+{
+	u32 c, missing = 0, last = trak_cow_chunk_of(req->last, g->chunk_shift);
+
+	for (c = trak_cow_chunk_of(req->first, g->chunk_shift); c <= last; c++) {
+		if (trak_cow_store_has(&snap->snap.store, c))
+			continue;
+		missing++;
+		if (g->cnt < g->limit)
+			trak_cow_group_add(w, g, c);
+	}
+	return missing;
+}
+
 enum trak_cow_step { TRAK_COW_NEXT, TRAK_COW_GROUP_FULL };
 
-/* A held write to the filter: pass it on, or let its chunk join the group. */
+/*
+ * A held write to the filter: pass it on, or let the chunks it waits for
+ * join the group.  All of them join at once, so that a large write waits
+ * for one group, not one for each of its chunks.
+ */
 static enum trak_cow_step trak_cow_filter_write(struct trak_cow_work *w,
 						struct trak_cow_request *req,
 						struct trak_cow_group *g)
 {
 	struct trak_blkdev *snap = NULL;
-	u32 chunk;
 
 	if (req->snap_minor >= 0)
 		snap = trak_cow_live_snap(w, req->snap_minor);
@@ -290,15 +298,14 @@ static enum trak_cow_step trak_cow_filter_write(struct trak_cow_work *w,
 		return TRAK_COW_NEXT;
 	}
 	trak_cow_group_size(g, snap);
-	if (!trak_cow_first_missing(req, snap, &chunk)) {
-		trak_cow_pass_down(w, req);
-		return TRAK_COW_NEXT;
-	}
 	/* Chunks of one snap only: its COW store receives the whole group. */
 	if (g->cnt && g->snap_minor != req->snap_minor)
 		return TRAK_COW_GROUP_FULL;
+	if (!trak_cow_add_missing(w, g, req, snap)) {
+		trak_cow_pass_down(w, req);
+		return TRAK_COW_NEXT;
+	}
 	g->snap_minor = req->snap_minor;
-	trak_cow_group_add(w, g, chunk);
 	return g->cnt >= g->limit ? TRAK_COW_GROUP_FULL : TRAK_COW_NEXT;
 }
 

@@ -1,6 +1,7 @@
 // Host implementations of the kernel services declared in trak_env.h.
 #include "trak_env.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -100,6 +101,42 @@ int trak_fwrite(struct trak_file* file, loff_t off, const void* buf, int count) 
         done += static_cast<int>(n);
     }
     return done;
+}
+
+int trak_fread(struct trak_file* file, loff_t off, void* buf, int count) {
+    auto* dst = static_cast<char*>(buf);
+    int done = 0;
+    while (done < count) {
+        const ssize_t n = pread(file->fd, dst + done, count - done, off + done);
+        if (n < 0) {
+            const int err = errno;
+            trak_log(TRAK_LOG_ERR, "%s(): Failed to read %d bytes from %s: rc=%d", __func__,
+                     count - done, file->name.c_str(), -err);
+            return -err;
+        }
+        if (n == 0) {
+            trak_log(TRAK_LOG_ERR, "%s(): Unexpected EOF while trying to read %d bytes from %s",
+                     __func__, count - done, file->name.c_str());
+            break;
+        }
+        done += static_cast<int>(n);
+    }
+    return done;
+}
+
+int trak_fsync(struct trak_file* file) { return fsync(file->fd) != 0 ? -errno : 0; }
+
+loff_t trak_fsize(struct trak_file* file) {
+    struct stat st {};
+    return fstat(file->fd, &st) != 0 ? -errno : st.st_size;
+}
+
+int trak_ftruncate(const char* path) {
+    const int fd = open(path, O_RDWR | O_TRUNC);
+    if (fd >= 0) {
+        close(fd);
+    }
+    return 0;
 }
 
 int trak_fclose(struct trak_file* file) {

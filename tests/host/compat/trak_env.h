@@ -47,7 +47,9 @@ typedef long long s64;
 #endif
 
 /* Allocation: the GFP flags mean nothing here. */
+typedef unsigned int gfp_t;
 #define GFP_KERNEL 0
+#define GFP_NOIO 0
 static inline void* kmalloc(size_t size, int gfp) { return (void)gfp, malloc(size); }
 static inline void* kzalloc(size_t size, int gfp) { return (void)gfp, calloc(1, size); }
 static inline void* kmalloc_array(size_t n, size_t size, int gfp) {
@@ -56,7 +58,33 @@ static inline void* kmalloc_array(size_t n, size_t size, int gfp) {
 static inline void* kcalloc(size_t n, size_t size, int gfp) { return (void)gfp, calloc(n, size); }
 static inline void kfree(const void* p) { free((void*)p); }
 static inline void* vmalloc(size_t size) { return malloc(size); }
+static inline void* vzalloc(size_t size) { return calloc(1, size); }
 static inline void vfree(const void* p) { free((void*)p); }
+
+/* Shared memory: one thread at a time uses the code here. */
+#define READ_ONCE(x) (x)
+#define cmpxchg(ptr, old, new) __sync_val_compare_and_swap(ptr, old, new)
+
+/* Bit arrays of unsigned longs, as the kernel's. */
+#define BITS_PER_LONG (8 * sizeof(unsigned long))
+static inline bool test_bit(unsigned long nr, const unsigned long* addr) {
+    return (addr[nr / BITS_PER_LONG] >> (nr % BITS_PER_LONG)) & 1;
+}
+static inline bool test_and_set_bit(unsigned long nr, unsigned long* addr) {
+    const bool was = test_bit(nr, addr);
+    addr[nr / BITS_PER_LONG] |= 1UL << (nr % BITS_PER_LONG);
+    return was;
+}
+/* The first byte of @start that is not @c, or NULL. */
+static inline void* memchr_inv(const void* start, int c, size_t bytes) {
+    const unsigned char* p = (const unsigned char*)start;
+    for (size_t i = 0; i < bytes; i++) {
+        if (p[i] != (unsigned char)c) {
+            return (void*)(p + i);
+        }
+    }
+    return NULL;
+}
 
 /* Bits and logarithms of 32-bit and 64-bit values. */
 static inline bool is_power_of_2(u64 n) { return n != 0 && (n & (n - 1)) == 0; }
@@ -124,8 +152,12 @@ int trak_bread(struct block_device* bdev, void* buf, u32 size, u64 blk, int coun
 
 struct trak_file;
 struct trak_file* trak_fopen(const char* path, int flags, int mode);
+int trak_fread(struct trak_file* file, loff_t off, void* buf, int count);
 int trak_fwrite(struct trak_file* file, loff_t off, const void* buf, int count);
 int trak_fclose(struct trak_file* file);
+int trak_fsync(struct trak_file* file);
+loff_t trak_fsize(struct trak_file* file);
+int trak_ftruncate(const char* path);
 
 // NOLINTEND
 
