@@ -71,6 +71,11 @@ static bool trak_aio_idle(struct trak_aio *aio)
 	return idle;
 }
 
+void trak_aio_wait_idle(struct trak_aio *aio)
+{
+	wait_event(aio->wait, trak_aio_idle(aio));
+}
+
 /*
  * A clone in flight holds its parent, which its submitter waits for; the
  * tracker must outlive it, so it waits rather than end the parents early.
@@ -78,7 +83,7 @@ static bool trak_aio_idle(struct trak_aio *aio)
 void trak_aio_destroy(struct trak_aio *aio)
 {
 	trak_log(2, "%s(): Destroying AIO tracker.", __func__);
-	wait_event(aio->wait, trak_aio_idle(aio));
+	trak_aio_wait_idle(aio);
 
 	mutex_lock(&trak_aio_cnt_lock);
 	if (!--trak_aio_cnt) {

@@ -28,6 +28,8 @@ struct trak_aio {
 int trak_aio_init(struct trak_aio *aio);
 /* Waits until no clone of @aio is left, then releases what it holds. */
 void trak_aio_destroy(struct trak_aio *aio);
+/* Waits until every clone of @aio made so far has ended. */
+void trak_aio_wait_idle(struct trak_aio *aio);
 
 /*
  * A clone of @bio bound for @bdev, whose completion ends @bio; or NULL

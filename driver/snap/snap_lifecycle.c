@@ -8,6 +8,7 @@
  * its own, in that order (the order a filter stop takes them in), and the
  * flags the request path reads change under the filter's io_lock.
  */
+#include <linux/blk-mq.h>
 #include <linux/blkdev.h>
 #include <linux/jiffies.h>
 #include <linux/sched.h>
@@ -80,6 +81,24 @@ static int trak_snap_wait_for_quiet(struct trak_blkdev *filter,
 	}
 }
 
+/*
+ * Called at the quiet moment, with the filter's io_lock held for writing:
+ * the writes routed before it end before the snap goes live, so that no
+ * copy the snap makes of a chunk can meet one of them half done.  The
+ * partition's own queue is drained too, for the writes passed on before
+ * the filter had snaps and so was not tracking them.
+ */
+static void trak_snap_drain_filter(struct trak_filter *f)
+{
+	struct request_queue *q = bdev_get_queue(f->hdd_bdev);
+
+	trak_aio_wait_idle(&f->aio);
+	if (queue_is_mq(q)) {
+		blk_mq_freeze_queue(q);
+		blk_mq_unfreeze_queue(q);
+	}
+}
+
 /* The point in time: frozen file system, no request in flight, snap live. */
 static int trak_snap_go_live(struct trak_blkdev *snap, unsigned long deadline)
 {
@@ -94,6 +113,7 @@ static int trak_snap_go_live(struct trak_blkdev *snap, unsigned long deadline)
 	}
 	rc = trak_snap_wait_for_quiet(filter, deadline);
 	if (!rc) {
+		trak_snap_drain_filter(&filter->filter);
 		/* Requests held for an earlier snap of this minor are not ours. */
 		trak_cowqueue_restamp(&filter->filter.cowqueue, snap->minor, -1);
 		WRITE_ONCE(snap->snap.snap_valid, 1);
