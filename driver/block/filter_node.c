@@ -217,7 +217,7 @@ int trak_ioctl_add_filter_node(struct trak_add_filter_args *rec)
 	probe = NULL;
 
 	oxwrite_lock(&trak_blkdev_rwlock);
-	rc = trak_blkdev_choose_minor(&rec->minor);
+	rc = trak_blkdev_choose_minor(&rec->minor, __func__);
 	if (rc)
 		goto out_unlock;
 	snprintf(disk_name, sizeof(disk_name), "trak%d", rec->minor);

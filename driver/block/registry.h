@@ -98,7 +98,7 @@ extern struct oxrwlock trak_blkdev_rwlock;
 int trak_registry_create(void);
 void trak_registry_destroy(void);
 struct trak_blkdev *trak_blkdev_find(int minor);
-int trak_blkdev_choose_minor(int *minor);
+int trak_blkdev_choose_minor(int *minor, const char *func);
 void trak_uuid_generate(char *uuid);
 
 #endif

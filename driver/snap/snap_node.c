@@ -183,7 +183,7 @@ static int trak_add_snap_locked(struct trak_add_snap_args *rec,
 		trak_log(TRAK_LOG_ERR, "%s(): Memory allocation failure", func);
 		return -ENOMEM;
 	}
-	rc = trak_blkdev_choose_minor(&rec->snap_minor);
+	rc = trak_blkdev_choose_minor(&rec->snap_minor, func);
 	if (rc)
 		goto fail;
 	if (!rec->name[0])
