@@ -25,7 +25,7 @@ constexpr std::uint32_t kChunk = 8192;
 constexpr std::uint32_t kFsBlock = 4096;
 // One chunk more than a power of two, so that a coarse extent covers the
 // last chunk alone.
-constexpr std::uint64_t kHddBytes = (64 << 20) + kChunk;
+constexpr std::uint64_t kHddBytes = (32 << 20) + kChunk;
 constexpr std::uint64_t kChunks = kHddBytes / kChunk;
 constexpr std::size_t kChunkBitmapBytes = (kChunks + 7) / 8;
 constexpr std::uint8_t kUntouched = 0xA5;
@@ -54,7 +54,7 @@ class DatablockBmpTest : public SnapTest {
         for (int i = 0; i < 6; ++i) {
             const std::string file = std::string(kOriginMount) + "/f" + std::to_string(i);
             ASSERT_TRUE(Succeeds({"dd", "if=/dev/urandom", "of=" + file, "bs=64k",
-                                  "count=" + std::to_string(3 + 5 * i), "status=none"}));
+                                  "count=" + std::to_string(1 + 2 * i), "status=none"}));
         }
         std::filesystem::remove(std::string(kOriginMount) + "/f2");
         ASSERT_EQ(UnmountNode(kOriginMount), 0);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -63,15 +64,17 @@ void SnapTest::AddSnapNode(std::int32_t filter_minor, std::uint32_t chunk_size, 
     trak_add_snap_args record =
         SnapRecord(static_cast<std::uint32_t>(filter_minor), chunk_size,
                    CowBitmapPath(minor, cow_dir), CowDataPath(minor, cow_dir), minor);
-    ASSERT_EQ(AddSnap(control(), record), 0)
-        << "adding snap " << minor << " to filter " << filter_minor;
+    const int error = AddSnap(control(), record);
+    ASSERT_EQ(error, 0) << "adding snap " << minor << " to filter " << filter_minor << ": "
+                        << std::strerror(error);
     ASSERT_EQ(record.snap_minor, minor);
 }
 
 void SnapTest::TakeSnap(std::int32_t filter_minor, std::uint32_t chunk_size, std::int32_t minor,
                         const std::string& cow_dir) {
     ASSERT_NO_FATAL_FAILURE(AddSnapNode(filter_minor, chunk_size, minor, cow_dir));
-    ASSERT_EQ(StartNode(control(), minor), 0) << "starting snap " << minor;
+    const int error = StartNode(control(), minor);
+    ASSERT_EQ(error, 0) << "starting snap " << minor << ": " << std::strerror(error);
 }
 
 std::string SnapTest::AttachLoopHolding(std::span<const std::uint8_t> image) {
