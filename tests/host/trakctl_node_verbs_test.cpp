@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <tuple>
 
+#include "error_reports.h"
 #include "record_bytes.h"
 #include "trakctl_runner.h"
 
@@ -11,8 +12,6 @@ namespace {
 
 using trak::Command;
 using trak_test::field_at;
-
-constexpr std::string_view kKernelLog = " See the kernel log (dmesg) for the driver's message.\n";
 
 // A verb and the command it issues.
 using NodeVerb = std::tuple<std::string_view, Command>;
@@ -65,7 +64,7 @@ TEST_F(TrakctlNodeFailure, StartOfAStartedNode) {
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err,
               "trakctl: start 0: TRAK_START_NODE failed: EALREADY (the node is already started)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlNodeFailure, StartOfAnUnknownMinor) {
@@ -77,7 +76,7 @@ TEST_F(TrakctlNodeFailure, StartOfAnUnknownMinor) {
     EXPECT_EQ(result.err,
               "trakctl: start 9: TRAK_START_NODE failed: EINVAL (no node with that minor, or the "
               "snap is DEFUNCT (its stop is pending) and cannot be restarted)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlNodeFailure, StopOfAnOpenNode) {
@@ -89,7 +88,7 @@ TEST_F(TrakctlNodeFailure, StopOfAnOpenNode) {
     EXPECT_EQ(result.err,
               "trakctl: stop 0: TRAK_STOP_NODE failed: EBUSY (the node, or one of its snaps, is "
               "open)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlNodeFailure, DelOfAnUnknownMinorReturnsPositive22) {
@@ -100,7 +99,7 @@ TEST_F(TrakctlNodeFailure, DelOfAnUnknownMinorReturnsPositive22) {
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "trakctl: del 3: TRAK_DEL_NODE failed: +22 (no such node)." +
-                              std::string(kKernelLog));
+                              std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlNodeFailure, DelOfAnOpenNode) {
@@ -112,7 +111,7 @@ TEST_F(TrakctlNodeFailure, DelOfAnOpenNode) {
     EXPECT_EQ(result.err,
               "trakctl: del 0: TRAK_DEL_NODE failed: EBUSY (the node, or one of its snaps, is "
               "open or cannot be stopped)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 }  // namespace

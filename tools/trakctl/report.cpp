@@ -59,15 +59,19 @@ void print_text(const Report& report, std::ostream& out) {
 void print_json(const Report& report, std::ostream& out) {
     JsonWriter json(out);
     json.begin_object();
-    for (const Field& field : report) {
-        json.key(field.key);
-        std::visit(JsonValue{json}, field.value);
-    }
+    write_json_fields(json, report);
     json.end_object();
     out << '\n';
 }
 
 }  // namespace
+
+void write_json_fields(JsonWriter& json, const Report& report) {
+    for (const Field& field : report) {
+        json.key(field.key);
+        std::visit(JsonValue{json}, field.value);
+    }
+}
 
 void print_report(const Report& report, OutputFormat format, std::ostream& out) {
     if (format == OutputFormat::Json) {

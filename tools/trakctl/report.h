@@ -9,6 +9,8 @@
 
 namespace trakctl {
 
+class JsonWriter;
+
 enum class OutputFormat : std::uint8_t { Text, Json };
 
 using FieldValue =
@@ -26,5 +28,8 @@ using Report = std::vector<Field>;
 // yes/no, lists are blank-separated ("none" when empty).
 // JSON: one object, the fields' keys in order, and a newline.
 void print_report(const Report& report, OutputFormat format, std::ostream& out);
+
+// Writes the fields as members of the JSON object that `json` is in.
+void write_json_fields(JsonWriter& json, const Report& report);
 
 }  // namespace trakctl
