@@ -26,8 +26,10 @@ class FakeDriver {
     using Handler = std::function<int(void* record)>;
 
     void add_node(const trak_info_args& record);
-    // The record of a node that was added, for changing it.
+    // The record of a node that was added; handlers change it as the
+    // driver's commands change the node.
     trak_info_args& node(std::int32_t minor) { return nodes_.at(minor); }
+    void remove_node(std::int32_t minor) { nodes_.erase(minor); }
     void on(trak::Command command, Handler handler);
 
     // A channel to this driver; the driver must outlive it.
