@@ -83,6 +83,19 @@ INSTANTIATE_TEST_SUITE_P(
         FileSystemCase{"ext3_2k", 2048,
                        [](const ScratchDir& d) { return MakeExtImage(d, "ext3", 2048, 96 * kMiB); },
                        [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
+        FileSystemCase{"ext4_1k", 1024,
+                       [](const ScratchDir& d) { return MakeExtImage(d, "ext4", 1024, 96 * kMiB); },
+                       [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
+        FileSystemCase{
+            "ext4_4k", 4096,
+            [](const ScratchDir& d) { return MakeExtImage(d, "ext4", 4096, 640 * kMiB); },
+            [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
+        FileSystemCase{"ext4_bigalloc", 4096,
+                       [](const ScratchDir& d) {
+                           return MakeExtImage(d, "ext4", 4096, 640 * kMiB, 0,
+                                               "-O bigalloc -C 65536");
+                       },
+                       [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
         FileSystemCase{
             "xfs_4k", 4096,
             [](const ScratchDir& d) { return MakeXfsImage(d, 4096, 2, 600, 320 * kMiB); },

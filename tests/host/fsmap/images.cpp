@@ -53,8 +53,10 @@ std::string Run(const std::string& command) {
     return output;
 }
 
-ScratchDir::ScratchDir() {
-    std::string templ = (fs::temp_directory_path() / "trak-fsmap-XXXXXX").string();
+ScratchDir::ScratchDir() : ScratchDir(fs::temp_directory_path().string()) {}
+
+ScratchDir::ScratchDir(const std::string& base) {
+    std::string templ = (fs::path(base) / "trak-fsmap-XXXXXX").string();
     if (mkdtemp(templ.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed");
     }
@@ -98,6 +100,13 @@ std::string MakeExtImage(const ScratchDir& dir, const std::string& fs_type, unsi
         " -d " + tree + " " + image + (fs_blocks != 0 ? " " + std::to_string(fs_blocks) : ""));
     Run("debugfs -w -f " + commands + " " + image + " >/dev/null");
     Run("e2fsck -fn " + image + " >/dev/null");
+    return image;
+}
+
+std::string MakeHugeExt4Image(const ScratchDir& dir, uint64_t image_bytes) {
+    std::string image = dir.File("ext4-huge.img");
+    MakeSparseFile(image, image_bytes);
+    Run("mkfs.ext4 -q -F -b 4096 -E lazy_itable_init=1,lazy_journal_init=1 " + image);
     return image;
 }
 
@@ -208,6 +217,16 @@ std::vector<uint8_t> ReadBytes(const std::string& path, uint64_t offset, size_t 
         throw std::runtime_error("cannot read " + path);
     }
     return bytes;
+}
+
+std::string FlipChecksumBit(const std::string& path, uint64_t offset) {
+    std::vector<uint8_t> crc = ReadBytes(path, offset, 4);
+    const uint32_t right = crc[0] | crc[1] << 8U | crc[2] << 16U | uint32_t{crc[3]} << 24U;
+    crc[0] ^= 1U;
+    WriteBytes(path, offset, crc);
+    std::array<char, 40> text{};
+    std::snprintf(text.data(), text.size(), "0x%08x instead of 0x%08x", right ^ 1U, right);
+    return text.data();
 }
 
 void WriteBytes(const std::string& path, uint64_t offset, const std::vector<uint8_t>& bytes) {

@@ -16,6 +16,8 @@ std::string Run(const std::string& command);
 class ScratchDir {
   public:
     ScratchDir();
+    // Under `base` instead of the temporary directory.
+    explicit ScratchDir(const std::string& base);
     ScratchDir(const ScratchDir&) = delete;
     ScratchDir& operator=(const ScratchDir&) = delete;
     ~ScratchDir();
@@ -35,6 +37,12 @@ std::string MakeBlankImage(const ScratchDir& dir, const std::string& name, uint6
 std::string MakeExtImage(const ScratchDir& dir, const std::string& fs_type, unsigned block_size,
                          uint64_t image_bytes, uint64_t fs_blocks = 0,
                          const std::string& mkfs_options = "");
+
+// A default ext4 with 4 KiB blocks over a sparse image of `image_bytes`,
+// empty, its inode tables and journal left unwritten so that an image of
+// more than 16 TiB stays small and is made in a second. The directory must
+// be on a file system that takes such files (/tmp's ext4 stops at 16 TiB).
+std::string MakeHugeExt4Image(const ScratchDir& dir, uint64_t image_bytes);
 
 // ext2 with 1 KiB blocks over the whole image, holding one file of
 // `file_bytes` (0: none).
@@ -62,6 +70,9 @@ std::string MakeFilledExt3Image(const ScratchDir& dir, uint64_t image_bytes, uns
 std::string MakeReiserfsImage(const ScratchDir& dir, uint64_t image_bytes);
 
 std::vector<uint8_t> ReadBytes(const std::string& path, uint64_t offset, size_t count);
+// Flips the lowest bit of the little-endian 32-bit checksum at `offset` and
+// returns what a reader then logs: "0x<flipped> instead of 0x<right>".
+std::string FlipChecksumBit(const std::string& path, uint64_t offset);
 void WriteBytes(const std::string& path, uint64_t offset, const std::vector<uint8_t>& bytes);
 
 }  // namespace trak::fsmap_test
