@@ -94,8 +94,8 @@ int main() {
             trak::fsmap_test::MakeFilledExt3Image(dir, kImageBytes, 2048, 2 * kMiB);
         // Half full: 8 groups of 2 directories with 128 kept files of 2 MiB,
         // each following a freed one-block file.
-        const std::string xfs =
-            trak::fsmap_test::MakeXfsImage(dir, 4096, 8, 256, kImageBytes, 2 * kMiB);
+        const std::string xfs = trak::fsmap_test::MakeXfsImage(dir, trak::fsmap_test::kXfsV4, 4096,
+                                                               8, 256, kImageBytes, 2 * kMiB);
 
         std::printf("%-5s %6s %9s %10s %11s %11s %8s\n", "fs", "chunk", "chunks", "best ms",
                     "raw bytes", "compressed", "ratio");

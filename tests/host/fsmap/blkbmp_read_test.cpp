@@ -246,33 +246,16 @@ TEST_P(BlkbmpOfFileSystem, EqualsTheToolsMapAndExportsIt) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Images, BlkbmpOfFileSystem,
-    testing::Values(
-        FileSystemCase{"ext2_1k", 1024,
-                       [](const ScratchDir& d) { return MakeExtImage(d, "ext2", 1024, 30 * kMiB); },
-                       [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
-        FileSystemCase{
-            "ext3_4k", 4096,
-            [](const ScratchDir& d) { return MakeExtImage(d, "ext3", 4096, 384 * kMiB); },
-            [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
-        FileSystemCase{"ext4_4k", 4096,
-                       [](const ScratchDir& d) { return MakeExtImage(d, "ext4", 4096, 3 * kGiB); },
-                       [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
-        FileSystemCase{"ext4_bigalloc", 4096,
-                       [](const ScratchDir& d) {
-                           return MakeExtImage(d, "ext4", 4096, 2 * kGiB, 0,
-                                               "-O bigalloc -C 65536");
-                       },
-                       [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
-        FileSystemCase{
-            "xfs_1k", 1024,
-            [](const ScratchDir& d) { return MakeXfsImage(d, 1024, 4, 400, 320 * kMiB); },
-            [](const std::string& i, uint64_t n) { return XfsDb(i, n).used; }},
-        FileSystemCase{"reiserfs_4k", 4096,
-                       [](const ScratchDir& d) { return MakeReiserfsImage(d, 200 * kMiB); },
-                       [](const std::string& i, uint64_t n) { return DebugReiserfs(i, n).used; }}),
-    [](const auto& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Images, BlkbmpOfFileSystem,
+                         testing::Values(ExtCase("ext2_1k", "ext2", 1024, 30 * kMiB),
+                                         ExtCase("ext3_4k", "ext3", 4096, 384 * kMiB),
+                                         ExtCase("ext4_4k", "ext4", 4096, 3 * kGiB),
+                                         ExtCase("ext4_bigalloc", "ext4", 4096, 2 * kGiB,
+                                                 "-O bigalloc -C 65536"),
+                                         XfsCase("xfs_v5_4k", kXfsV5, 4096, 4, 600, 640 * kMiB),
+                                         XfsCase("xfs_1k", kXfsV4, 1024, 4, 400, 320 * kMiB),
+                                         ReiserfsCase("reiserfs_4k", 200 * kMiB)),
+                         [](const auto& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace trak::fsmap_test

@@ -128,8 +128,9 @@ std::string MakeEmptyExt2Image(const ScratchDir& dir, uint64_t image_bytes) {
     return MakeExt2ImageWithFile(dir, image_bytes, 0);
 }
 
-std::string MakeXfsImage(const ScratchDir& dir, unsigned block_size, unsigned agcount,
-                         unsigned files_per_dir, uint64_t image_bytes, uint64_t kept_file_bytes) {
+std::string MakeXfsImage(const ScratchDir& dir, const std::string& mkfs_options,
+                         unsigned block_size, unsigned agcount, unsigned files_per_dir,
+                         uint64_t image_bytes, uint64_t kept_file_bytes) {
     std::string image = dir.File("xfs-" + std::to_string(block_size) + ".img");
     const std::string freed = dir.File("xfs-freed");
     const std::string kept = dir.File("xfs-kept");
@@ -152,7 +153,7 @@ std::string MakeXfsImage(const ScratchDir& dir, unsigned block_size, unsigned ag
     std::ofstream(proto_file) << proto.str();
 
     MakeSparseFile(image, image_bytes);
-    Run("mkfs.xfs -q -f -m crc=0 -s size=512 -b size=" + std::to_string(block_size) +
+    Run("mkfs.xfs -q -f " + mkfs_options + " -b size=" + std::to_string(block_size) +
         " -d agcount=" + std::to_string(agcount) + " -p " + proto_file + " " + image);
 
     // Clear the inodes of every other file; xfs_repair then frees their

@@ -51,14 +51,18 @@ std::string MakeExt2ImageWithFile(const ScratchDir& dir, uint64_t image_bytes, u
 // Empty ext2 with 1 KiB blocks over the whole image.
 std::string MakeEmptyExt2Image(const ScratchDir& dir, uint64_t image_bytes);
 
-// XFS of the on-disk version 4 (its free-space trees are "ABTB"), with
-// `agcount` allocation groups, filled with files of which every other one is
-// freed (inode cleared, then xfs_repair), so that each group's by-block tree
-// holds many free extents. The freed files take one block, the kept ones
-// `kept_file_bytes` (0: one block).
-std::string MakeXfsImage(const ScratchDir& dir, unsigned block_size, unsigned agcount,
-                         unsigned files_per_dir, uint64_t image_bytes,
-                         uint64_t kept_file_bytes = 0);
+// mkfs.xfs options for the two on-disk versions: 4 (its free-space trees
+// are "ABTB", read with 512-byte sectors) and 5, today's default ("AB3B").
+inline constexpr const char* kXfsV4 = "-m crc=0 -s size=512";
+inline constexpr const char* kXfsV5 = "-m crc=1";
+
+// XFS made with `mkfs_options`, with `agcount` allocation groups, filled with
+// files of which every other one is freed (inode cleared, then xfs_repair),
+// so that each group's by-block tree holds many free extents. The freed
+// files take one block, the kept ones `kept_file_bytes` (0: one block).
+std::string MakeXfsImage(const ScratchDir& dir, const std::string& mkfs_options,
+                         unsigned block_size, unsigned agcount, unsigned files_per_dir,
+                         uint64_t image_bytes, uint64_t kept_file_bytes = 0);
 
 // ext3 with 4 KiB blocks over the whole image, written with debugfs:
 // `kept_files` files of `kept_file_bytes`, each followed by a small file
