@@ -177,11 +177,12 @@ std::string MakeXfsImage(const ScratchDir& dir, const std::string& mkfs_options,
     return image;
 }
 
-std::string MakeFilledExt3Image(const ScratchDir& dir, uint64_t image_bytes, unsigned kept_files,
-                                uint64_t kept_file_bytes) {
-    std::string image = dir.File("ext3-filled.img");
-    const std::string kept = dir.File("ext3-kept");
-    const std::string removed = dir.File("ext3-removed");
+std::string MakeFilledExtImage(const ScratchDir& dir, const std::string& fs_type,
+                               uint64_t image_bytes, unsigned kept_files,
+                               uint64_t kept_file_bytes) {
+    std::string image = dir.File(fs_type + "-filled.img");
+    const std::string kept = dir.File(fs_type + "-kept");
+    const std::string removed = dir.File(fs_type + "-removed");
     WriteFile(kept, kept_file_bytes);
     WriteFile(removed, kExtRemovedFileBytes);
     std::ostringstream writes;
@@ -190,13 +191,13 @@ std::string MakeFilledExt3Image(const ScratchDir& dir, uint64_t image_bytes, uns
         writes << "write " << kept << " k" << f << "\nwrite " << removed << " r" << f << "\n";
         removals << "rm r" << f << "\n";
     }
-    const std::string write_file = dir.File("ext3-write.cmds");
-    const std::string removal_file = dir.File("ext3-rm.cmds");
+    const std::string write_file = dir.File(fs_type + "-write.cmds");
+    const std::string removal_file = dir.File(fs_type + "-rm.cmds");
     std::ofstream(write_file) << writes.str();
     std::ofstream(removal_file) << removals.str();
 
     MakeSparseFile(image, image_bytes);
-    Run("mkfs.ext3 -q -F -b 4096 " + image);
+    Run("mkfs." + fs_type + " -q -F -b 4096 " + image);
     Run("debugfs -w -f " + write_file + " " + image + " >/dev/null");
     Run("debugfs -w -f " + removal_file + " " + image + " >/dev/null");
     return image;

@@ -64,11 +64,11 @@ std::string MakeXfsImage(const ScratchDir& dir, const std::string& mkfs_options,
                          unsigned block_size, unsigned agcount, unsigned files_per_dir,
                          uint64_t image_bytes, uint64_t kept_file_bytes = 0);
 
-// ext3 with 4 KiB blocks over the whole image, written with debugfs:
-// `kept_files` files of `kept_file_bytes`, each followed by a small file
-// that is then removed again.
-std::string MakeFilledExt3Image(const ScratchDir& dir, uint64_t image_bytes, unsigned kept_files,
-                                uint64_t kept_file_bytes);
+// ext3 or ext4 (`fs_type`, mkfs's defaults) with 4 KiB blocks over the whole
+// image, written with debugfs: `kept_files` files of `kept_file_bytes`, each
+// followed by a small file that is then removed again.
+std::string MakeFilledExtImage(const ScratchDir& dir, const std::string& fs_type,
+                               uint64_t image_bytes, unsigned kept_files, uint64_t kept_file_bytes);
 
 // Empty ReiserFS 3.6 with 4 KiB blocks.
 std::string MakeReiserfsImage(const ScratchDir& dir, uint64_t image_bytes);
