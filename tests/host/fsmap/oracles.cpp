@@ -95,8 +95,9 @@ ExtLayout DumpE2fs(const std::string& image, uint64_t blocks, uint64_t first) {
 XfsLayout XfsDb(const std::string& image, uint64_t partition_blocks) {
     XfsLayout xfs;
     const std::string sb =
-        Run("xfs_db -r -c 'sb 0' -c 'print blocksize agblocks agcount' " + image);
+        Run("xfs_db -r -c 'sb 0' -c 'print blocksize sectsize agblocks agcount' " + image);
     xfs.block_size = Field(sb, R"(blocksize = (\d+))");
+    xfs.sector_size = Field(sb, R"(sectsize = (\d+))");
     xfs.agblocks = Field(sb, R"(agblocks = (\d+))");
     xfs.agcount = Field(sb, R"(agcount = (\d+))");
 

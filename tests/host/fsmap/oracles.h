@@ -44,6 +44,7 @@ struct XfsAgf {
 };
 struct XfsLayout {
     uint32_t block_size = 0;
+    uint32_t sector_size = 0;
     uint32_t agblocks = 0;
     uint32_t agcount = 0;
     std::vector<XfsAgf> agf;

@@ -83,7 +83,7 @@ TEST_P(XfsReader, LogsTheGeometryAndEveryAgf) {
         {2, "xfs_reader_init(): Detected XFS on hdd(7, 3)"},
         {2, "   magic=0x58465342"},
         {2, "   blocksize=" + std::to_string(GetParam().block_size)},
-        {2, "   sectsize=512"},
+        {2, "   sectsize=" + std::to_string(xfs_.sector_size)},
         {2, "   AG size=" + std::to_string(xfs_.agblocks) + " blocks"},
         {2, "   AG count=" + std::to_string(xfs_.agcount)},
     };
@@ -103,13 +103,14 @@ TEST_P(XfsReader, LogsTheGeometryAndEveryAgf) {
 // in version 5.
 INSTANTIATE_TEST_SUITE_P(
     Geometries, XfsReader,
-    testing::Values(XfsGeometry{"v4_512", kXfsV4, 512, 4, 300, 320 * kMiB},
-                    XfsGeometry{"v4_1024", kXfsV4, 1024, 4, 400, 320 * kMiB},
-                    XfsGeometry{"v4_4096", kXfsV4, 4096, 2, 600, 320 * kMiB},
-                    XfsGeometry{"v5_defaults", kXfsV5, 4096, 4, 600, 640 * kMiB},
-                    XfsGeometry{"v5_reflink_rmapbt", "-m crc=1,reflink=1,rmapbt=1", 4096, 4, 600,
-                                640 * kMiB},
-                    XfsGeometry{"v5_1024", kXfsV5, 1024, 4, 300, 320 * kMiB}),
+    testing::Values(
+        XfsGeometry{"v4_512", kXfsV4, 512, 4, 300, 320 * kMiB},
+        XfsGeometry{"v4_1024", kXfsV4, 1024, 4, 400, 320 * kMiB},
+        XfsGeometry{"v4_4096", kXfsV4, 4096, 2, 600, 320 * kMiB},
+        XfsGeometry{"v5_defaults", kXfsV5, 4096, 4, 600, 640 * kMiB},
+        XfsGeometry{"v5_reflink_rmapbt", "-m crc=1,reflink=1,rmapbt=1", 4096, 4, 600, 640 * kMiB},
+        XfsGeometry{"v5_1024", kXfsV5, 1024, 4, 300, 320 * kMiB},
+        XfsGeometry{"v5_4k_sectors", "-m crc=1 -s size=4096", 4096, 4, 600, 640 * kMiB}),
     [](const auto& info) { return info.param.name; });
 
 struct XfsVersion {
