@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdarg>
 #include <string>
 #include <vector>
@@ -14,10 +15,36 @@ namespace {
 
 constexpr int kLogBufferSize = 2048;  // as the driver's log buffer
 constexpr unsigned kPageSize = 4096;
+constexpr u32 kCrc32cPoly = 0x82F63B78;  // 0x1EDC6F41, bit-reflected
+constexpr u16 kCrc16Poly = 0xA001;       // 0x8005, bit-reflected
 
 std::vector<trak::host::LogLine>& Lines() {
     static std::vector<trak::host::LogLine> lines;
     return lines;
+}
+
+// The byte-at-a-time table of a bit-reflected CRC with polynomial `poly`.
+template <typename Crc>
+std::array<Crc, 256> CrcTable(Crc poly) {
+    std::array<Crc, 256> table{};
+    for (unsigned v = 0; v < table.size(); v++) {
+        Crc crc = static_cast<Crc>(v);
+        for (int bit = 0; bit < 8; bit++) {
+            crc = (crc & 1U) != 0 ? static_cast<Crc>((crc >> 1U) ^ poly)
+                                  : static_cast<Crc>(crc >> 1U);
+        }
+        table.at(v) = crc;
+    }
+    return table;
+}
+
+template <typename Crc>
+Crc CrcUpdate(const std::array<Crc, 256>& table, Crc crc, const void* data, size_t length) {
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    for (size_t i = 0; i < length; i++) {
+        crc = static_cast<Crc>((crc >> 8U) ^ table.at((crc ^ bytes[i]) & 0xFFU));
+    }
+    return crc;
 }
 
 }  // namespace
@@ -44,6 +71,16 @@ int trak_log(int level, const char* fmt, ...) {
     }
     Lines().push_back({level, text});
     return 0;
+}
+
+u32 crc32c(u32 crc, const void* address, unsigned int length) {
+    static const std::array<u32, 256> kTable = CrcTable<u32>(kCrc32cPoly);
+    return CrcUpdate(kTable, crc, address, length);
+}
+
+u16 crc16(u16 crc, const u8* buffer, size_t len) {
+    static const std::array<u16, 256> kTable = CrcTable<u16>(kCrc16Poly);
+    return CrcUpdate(kTable, crc, buffer, len);
 }
 
 int trak_bread(struct block_device* bdev, void* buf, u32 size, u64 blk, int count) {

@@ -37,6 +37,7 @@ typedef int32_t s32;
 typedef long long s64;
 
 #define S32_MAX INT32_MAX
+#define U32_MAX UINT32_MAX
 #define ARRAY_SIZE(a) (sizeof(a) / sizeof((a)[0]))
 #define DIV_ROUND_UP(n, d) (((n) + (d)-1) / (d))
 #define min_t(type, a, b) ((type)(a) < (type)(b) ? (type)(a) : (type)(b))
@@ -92,6 +93,14 @@ static inline int ilog2(u64 n) { return 63 - __builtin_clzll(n); }
 static inline u64 roundup_pow_of_two(u64 n) { return n <= 1 ? 1 : 2ULL << ilog2(n - 1); }
 static inline unsigned int hweight8(unsigned int v) { return __builtin_popcount(v & 0xFF); }
 
+/* Bitmaps of unsigned longs, as <linux/bitmap.h> has them. */
+static inline void bitmap_set(unsigned long* map, unsigned int start, unsigned int nbits) {
+    const unsigned int word_bits = 8 * sizeof(*map);
+    for (unsigned int b = start; b < start + nbits; b++) {
+        map[b / word_bits] |= 1UL << (b % word_bits);
+    }
+}
+
 /* The kernel's snprintf that returns what it wrote, not what it wanted. */
 __attribute__((format(printf, 3, 4))) static inline int scnprintf(char* buf, size_t size,
                                                                   const char* fmt, ...) {
@@ -126,7 +135,24 @@ static inline u32 get_unaligned_be32(const void* p) {
     memcpy(&v, p, sizeof(v));
     return be32toh(v);
 }
+static inline u64 get_unaligned_be64(const void* p) {
+    uint64_t v;
+    memcpy(&v, p, sizeof(v));
+    return be64toh(v);
+}
+static inline void put_unaligned_le32(u32 v, void* p) {
+    const u32 le = htole32(v);
+    memcpy(p, &le, sizeof(le));
+}
 #define get_unaligned(p) (*(p))
+
+/*
+ * Checksums as the kernel's libcrc32c and crc16 compute them: CRC-32C and
+ * the CRC-16 of polynomial 0x8005, both bit-reflected, from the given seed
+ * and without a final inversion.
+ */
+u32 crc32c(u32 crc, const void* address, unsigned int length);
+u16 crc16(u16 crc, const u8* buffer, size_t len);
 
 /* Device numbers are split 12:20, as in the kernel. */
 #define MINORBITS 20
