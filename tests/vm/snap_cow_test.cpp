@@ -3,9 +3,10 @@
 // (nothing is allocated in the COW data file, its COW bitmap bit stays
 // clear, and the snap shows what the partition holds now), while a chunk in
 // use is preserved once, at its own offset in the COW data file, before the
-// write reaches the partition. The maps of ext2, XFS version 4 and
-// ReiserFS are each trusted here; which blocks are free is asked of the
-// file systems' own tools.
+// write reaches the partition. The maps of ext2, ext4 as mkfs.ext4 makes it
+// (64-bit, flex_bg, metadata_csum), both versions of XFS and ReiserFS are
+// each trusted here; which blocks are free is asked of the file systems'
+// own tools.
 #include <algorithm>
 #include <cstdint>
 #include <functional>
@@ -143,26 +144,27 @@ TEST_P(SnapCowTest, WriteIntoAUsedChunkPreservesItOnceAtItsOffset) {
         << "chunk 0 of the snap after a second write";
 }
 
+fsmap_test::BlockMap UsedByDumpe2fs(const std::string& device, std::uint64_t blocks) {
+    return fsmap_test::DumpE2fs(device, blocks).used;
+}
+
+fsmap_test::BlockMap UsedByXfsDb(const std::string& device, std::uint64_t blocks) {
+    return fsmap_test::XfsDb(device, blocks).used;
+}
+
+fsmap_test::BlockMap UsedByDebugreiserfs(const std::string& device, std::uint64_t blocks) {
+    return fsmap_test::DebugReiserfs(device, blocks).used;
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Readers, SnapCowTest,
-    ::testing::Values(MappedFileSystem{"ext2",
-                                       {"mkfs.ext2", "-q", "-F", "-b", "4096"},
-                                       false,
-                                       [](const std::string& device, std::uint64_t blocks) {
-                                           return fsmap_test::DumpE2fs(device, blocks).used;
-                                       }},
-                      MappedFileSystem{"xfs_v4",
-                                       {"mkfs.xfs", "-q", "-f", "-m", "crc=0"},
-                                       true,
-                                       [](const std::string& device, std::uint64_t blocks) {
-                                           return fsmap_test::XfsDb(device, blocks).used;
-                                       }},
-                      MappedFileSystem{"reiserfs",
-                                       {"mkreiserfs", "-q", "-f", "-f"},
-                                       false,
-                                       [](const std::string& device, std::uint64_t blocks) {
-                                           return fsmap_test::DebugReiserfs(device, blocks).used;
-                                       }}),
+    ::testing::Values(
+        MappedFileSystem{"ext2", {"mkfs.ext2", "-q", "-F", "-b", "4096"}, false, UsedByDumpe2fs},
+        MappedFileSystem{
+            "ext4_default", {"mkfs.ext4", "-q", "-F", "-b", "4096"}, false, UsedByDumpe2fs},
+        MappedFileSystem{"xfs_default", {"mkfs.xfs", "-q", "-f"}, true, UsedByXfsDb},
+        MappedFileSystem{"xfs_v4", {"mkfs.xfs", "-q", "-f", "-m", "crc=0"}, true, UsedByXfsDb},
+        MappedFileSystem{"reiserfs", {"mkreiserfs", "-q", "-f", "-f"}, false, UsedByDebugreiserfs}),
     [](const ::testing::TestParamInfo<MappedFileSystem>& info) {
         return std::string(info.param.name);
     });
