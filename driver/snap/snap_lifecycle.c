@@ -99,32 +99,24 @@ static void trak_snap_drain_filter(struct trak_filter *f)
 	}
 }
 
-/* The point in time: frozen file system, no request in flight, snap live. */
+/* The point in time: no request in flight, snap live. */
 static int trak_snap_go_live(struct trak_blkdev *snap, unsigned long deadline)
 {
 	struct trak_blkdev *filter = snap->snap.filter;
-	struct block_device *bdev = filter->bdev;
 	int rc;
 
-	if (bdev) {
-		rc = freeze_bdev(bdev);
-		if (rc)
-			return rc;
-	}
 	rc = trak_snap_wait_for_quiet(filter, deadline);
-	if (!rc) {
-		trak_snap_drain_filter(&filter->filter);
-		/* Requests held for an earlier snap of this minor are not ours. */
-		trak_cowqueue_restamp(&filter->filter.cowqueue, snap->minor, -1);
-		WRITE_ONCE(snap->snap.snap_valid, 1);
-		WRITE_ONCE(snap->started, 1);
-		oxwrite_unlock(&filter->filter.io_lock);
-		trak_log(3, "%s(): trak(%d, %d) has been started successfully",
-			 "trak_block_start_device", trak_blk_major, snap->minor);
-	}
-	if (bdev)
-		thaw_bdev(bdev);
-	return rc;
+	if (rc)
+		return rc;
+	trak_snap_drain_filter(&filter->filter);
+	/* Requests held for an earlier snap of this minor are not ours. */
+	trak_cowqueue_restamp(&filter->filter.cowqueue, snap->minor, -1);
+	WRITE_ONCE(snap->snap.snap_valid, 1);
+	WRITE_ONCE(snap->started, 1);
+	oxwrite_unlock(&filter->filter.io_lock);
+	trak_log(3, "%s(): trak(%d, %d) has been started successfully",
+		 "trak_block_start_device", trak_blk_major, snap->minor);
+	return 0;
 }
 
 static int trak_snap_start_locked(struct trak_blkdev *snap)
@@ -155,19 +147,30 @@ static int trak_snap_start_locked(struct trak_blkdev *snap)
 	return rc;
 }
 
+/*
+ * The file system on the filter is frozen around the whole start, outside
+ * the node locks: a mount holds the file system's s_umount while it opens
+ * the filter, and that open takes the filter's lock, so freezing (which
+ * waits for s_umount) under that lock could deadlock with a mount.
+ */
 int trak_snap_start(struct trak_blkdev *snap)
 {
+	struct block_device *fs_bdev = snap->snap.filter->disk->part0;
 	int rc;
 
+	rc = freeze_bdev(fs_bdev);
+	if (rc)
+		return rc;
 	trak_snap_lock(snap);
 	if (snap->started) {
-		trak_snap_unlock(snap);
 		trak_log(TRAK_LOG_ERR, "%s(): trak(%d, %d) has already been started",
 			 "trak_block_start_device", trak_blk_major, snap->minor);
-		return -EALREADY;
+		rc = -EALREADY;
+	} else {
+		rc = trak_snap_start_locked(snap);
 	}
-	rc = trak_snap_start_locked(snap);
 	trak_snap_unlock(snap);
+	thaw_bdev(fs_bdev);
 	if (!rc)
 		trak_snap_map_data_blocks(snap);
 	return rc;
