@@ -1,7 +1,8 @@
 #!/bin/bash
 # Usage: run-vm.sh [OPTIONS] -- CMD [ARGS...]
 #
-# Boots Debian's 6.1 kernel in QEMU over a copy-on-write view of this
+# Boots Debian's 6.1 kernel (or the debug kernel that TRAK_VM_KERNEL
+# names, see find-kernel.sh) in QEMU over a copy-on-write view of this
 # machine's root file system, runs CMD in it from the repository root, and
 # reports.  CMD is a path valid on the host (absolute, or relative to the
 # repository root), and so in the guest too, except under /tmp and /run,
@@ -24,6 +25,8 @@
 #                      SEC seconds (default 20 under KVM, 60 under TCG)
 #   --start-within SEC give up when the guest has not reached CMD after
 #                      SEC seconds (default 120)
+#                      (TRAK_VM_TIME_FACTOR, a whole number, multiplies
+#                      these two defaults: the debug kernel boots slowly)
 #   --unload-prefix P  modules whose names start with P must unload at the
 #                      end (default trak)
 #
@@ -57,7 +60,12 @@ mem=2048
 smp=2
 timeout=600
 print_within=
-start_within=120
+factor=${TRAK_VM_TIME_FACTOR:-1}
+[[ $factor =~ ^[1-9][0-9]*$ ]] || {
+	echo "run-vm.sh: TRAK_VM_TIME_FACTOR must be a whole number, not '$factor'" >&2
+	exit 2
+}
+start_within=$((120 * factor))
 prefix=trak
 while (($#)); do
 	case $1 in
@@ -97,6 +105,8 @@ fail() {
 }
 
 kver=$("$here/find-kernel.sh")
+image=$("$here/find-kernel.sh" --image)
+modules=$("$here/find-kernel.sh" --modules)
 mkdir -p "$out"
 out=$(realpath "$out")
 harness=$out/harness
@@ -108,7 +118,8 @@ rm -f "$out/console.log"
 echo "$here/guest-run.sh" >"$harness/runner"
 printf '%s\0' "$@" >"$harness/command"
 echo "$prefix" >"$harness/unload-prefix"
-"$here/mkinitramfs.sh" "$harness/initramfs.cpio.gz" "$kver"
+echo "$modules" >"$harness/modules"
+"$here/mkinitramfs.sh" "$harness/initramfs.cpio.gz" "$modules"
 
 disks=()
 for ((i = 0; i < ndisks; i++)); do
@@ -148,17 +159,20 @@ stop_vm() {
 # did not reach the command within $start_within s (QEMU is killed in both
 # cases), or empty.
 boot() {
-	local limit=${print_within:-$([ "$accel" = kvm ] && echo 20 || echo 60)}
+	local limit=${print_within:-$(($([ "$accel" = kvm ] && echo 20 || echo 60) * factor))}
 	local started=0 elapsed
 	printed=0
 	rm -f "$out/console.log"
 	# The group keeps bash's notices of a QEMU killed by a signal off the
-	# harness's output: the status tells the same.
+	# harness's output: the status tells the same.  no_timer_check: on a
+	# busy host, TCG runs the guest so slowly that the kernel's check of
+	# the IO-APIC timer fails and it panics at boot ("IO-APIC + timer
+	# doesn't work!").
 	{ timeout --kill-after=10 "$timeout" \
 		"${TRAK_VM_QEMU:-qemu-system-x86_64}" -machine "q35,accel=$accel" \
 		-cpu max -smp "$smp" -m "$mem" -nographic -no-reboot -nic none \
-		-kernel "/boot/vmlinuz-$kver" -initrd "$harness/initramfs.cpio.gz" \
-		-append "console=ttyS0 loglevel=7 panic=-1 sysrq_always_enabled=1" \
+		-kernel "$image" -initrd "$harness/initramfs.cpio.gz" \
+		-append "console=ttyS0 loglevel=7 panic=-1 sysrq_always_enabled=1 no_timer_check" \
 		-fsdev local,id=hostroot,path=/,security_model=none,readonly=on,multidevs=remap \
 		-device virtio-9p-pci,fsdev=hostroot,mount_tag=hostroot \
 		-fsdev "local,id=out,path=${out//,/,,},security_model=none" \
