@@ -119,6 +119,7 @@ echo "$here/guest-run.sh" >"$harness/runner"
 printf '%s\0' "$@" >"$harness/command"
 echo "$prefix" >"$harness/unload-prefix"
 echo "$modules" >"$harness/modules"
+echo "$factor" >"$harness/time-factor"
 "$here/mkinitramfs.sh" "$harness/initramfs.cpio.gz" "$modules"
 
 disks=()

@@ -83,10 +83,12 @@ expect_line "the reason is the console" "$tmp/warn.txt" \
 expect_match "the WARNING is shown" "$tmp/warn.txt" \
 	"^[0-9]+:\[ *[0-9.]+\] WARNING: CPU: [0-9]+ PID: [0-9]+ at .*trak_vmtest"
 
+# The guest waits 20 s (times TRAK_VM_TIME_FACTOR) before it reports.
+hung_after=$((20 * ${TRAK_VM_TIME_FACTOR:-1}))
 vm hung --disks 1 --disk-size 64M -- tests/vm/harness/selftest/hung-task.guest.sh
-expect_status "a task blocked for 20 s fails the run" 125 "$status"
+expect_status "a task blocked for $hung_after s fails the run" 125 "$status"
 expect_match "the blocked task is shown" "$tmp/hung.txt" \
-	"^[0-9]+:\[ *[0-9.]+\] INFO: task .* blocked for more than 20 seconds\."
+	"^[0-9]+:\[ *[0-9.]+\] INFO: task .* blocked for more than $hung_after seconds\."
 
 vm timeout --timeout 30 -- sleep 600
 expect_status "a run past its time limit fails" 124 "$status"
