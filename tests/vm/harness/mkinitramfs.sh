@@ -33,7 +33,7 @@ busybox=$(command -v busybox) || {
 
 # The modules /init loads, in this order; their dependencies are added.
 MODULES="virtio virtio_ring virtio_pci_legacy_dev virtio_pci_modern_dev
-virtio_pci netfs fscache 9pnet 9pnet_virtio 9p overlay"
+virtio_pci 9pnet 9pnet_virtio 9p overlay"
 
 # Prints the line of modules list file $2 (modules.dep, modules.builtin)
 # whose module is named $1; "-" and "_" in names are the same.
