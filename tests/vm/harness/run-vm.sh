@@ -19,7 +19,7 @@
 #   --disk FILE        attach an existing image (repeatable); these follow
 #                      the fresh disks: /dev/vda, /dev/vdb, ... in order
 #   --mem MB           guest memory (default 2048)
-#   --smp N            guest CPUs (default 2)
+#   --smp N            guest CPUs (default $TRAK_VM_SMP, else 2)
 #   --timeout SEC      kill the VM after SEC seconds (default 600)
 #   --print-within SEC give up when the kernel has printed nothing after
 #                      SEC seconds (default 20 under KVM, 60 under TCG)
@@ -57,7 +57,7 @@ ndisks=0
 disk_size=1G
 given=()
 mem=2048
-smp=2
+smp=${TRAK_VM_SMP:-2}
 timeout=600
 print_within=
 factor=${TRAK_VM_TIME_FACTOR:-1}
