@@ -92,6 +92,7 @@ Output RunTrakctl(const std::vector<std::string>& args) {
         dup2(out, STDOUT_FILENO);
         dup2(err, STDERR_FILENO);
         std::vector<char*> raw;
+        raw.reserve(argv.size() + 1);
         for (std::string& arg : argv) {
             raw.push_back(arg.data());
         }
@@ -222,7 +223,7 @@ const std::vector<VerbCase> kVerbCases = {
      {"info", "7"},
      1,
      "",
-     "trakctl: info 7: TRAK_GET_INFO failed: E[A-Z]+ \\(.+\\)\\." + kSeeLog,
+     R"(trakctl: info 7: TRAK_GET_INFO failed: E[A-Z]+ \(.+\)\.)" + kSeeLog,
      {},
      nullptr},
     {"AddFilter",
@@ -244,7 +245,7 @@ const std::vector<VerbCase> kVerbCases = {
      {"add-filter", kTrackedDisk, "--extent-size", "65536", "--bitmap-dir", kBitmapDir},
      1,
      "",
-     "trakctl: add-filter /dev/vda: TRAK_ADD_FILTER_NODE failed: EINVAL \\(.+\\)\\." + kSeeLog,
+     R"(trakctl: add-filter /dev/vda: TRAK_ADD_FILTER_NODE failed: EINVAL \(.+\)\.)" + kSeeLog,
      {},
      nullptr},
     {"Start",
@@ -260,7 +261,7 @@ const std::vector<VerbCase> kVerbCases = {
      {"start", "0"},
      1,
      "",
-     "trakctl: start 0: TRAK_START_NODE failed: EALREADY \\(the node is already started\\)\\." +
+     R"(trakctl: start 0: TRAK_START_NODE failed: EALREADY \(the node is already started\)\.)" +
          kSeeLog,
      {},
      nullptr},
@@ -376,7 +377,7 @@ const std::vector<VerbCase> kVerbCases = {
      {"bitmap", "get", "3", "incr"},
      1,
      "",
-     "trakctl: bitmap get 3 incr: TRAK_[A-Z_]+ failed: E[A-Z]+ \\(.+\\)\\." + kSeeLog,
+     R"(trakctl: bitmap get 3 incr: TRAK_[A-Z_]+ failed: E[A-Z]+ \(.+\)\.)" + kSeeLog,
      {},
      nullptr},
     {"TestDatablockOnExt2",

@@ -14,7 +14,7 @@ std::size_t PageSize() { return static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }  // namespace
 
 GuardedBuffer::GuardedBuffer(std::size_t bytes)
-    : base_(nullptr), size_((bytes + PageSize() - 1) / PageSize() * PageSize()) {
+    : size_((bytes + PageSize() - 1) / PageSize() * PageSize()) {
     void* map = mmap(nullptr, size_ + PageSize(), PROT_READ | PROT_WRITE,
                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (map == MAP_FAILED) {

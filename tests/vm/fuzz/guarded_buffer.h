@@ -23,7 +23,7 @@ class GuardedBuffer {
     [[nodiscard]] std::size_t size() const { return size_; }
 
   private:
-    std::uint8_t* base_;
+    std::uint8_t* base_ = nullptr;
     std::size_t size_;
 };
 

@@ -130,7 +130,8 @@ TEST_F(IoctlFuzzTest, SurvivesRandomCommands) {
 
     std::ostringstream summary;
     summary << calls << " calls with seed " << seed << " in " << seconds << " s ("
-            << static_cast<std::uint64_t>(calls / seconds) << " per second); errno counts:";
+            << static_cast<std::uint64_t>(static_cast<double>(calls) / seconds)
+            << " per second); errno counts:";
     std::uint64_t succeeded = 0;
     for (const auto& [error, count] : fuzzer.outcomes()) {
         summary << " " << error << "=" << count;

@@ -24,8 +24,8 @@ constexpr std::array kCommands = {
 
 // Records are at most this long; codes with larger sizes still get a
 // buffer this long (the rest faults).
-constexpr std::size_t kRecordPage = 64 * 1024;
-constexpr std::size_t kDataBytes = 1024 * 1024;
+constexpr std::size_t kRecordPage = std::size_t{64} * 1024;
+constexpr std::size_t kDataBytes = std::size_t{1024} * 1024;
 constexpr std::uint64_t kKernelAddress = 0xffff888000000000ULL;
 
 template <typename Record>
