@@ -14,6 +14,7 @@
 #include "core/params.h"
 #include "kdirtyd.h"
 #include "router.h"
+#include "snap/route.h"
 
 /*
  * Sets the bits of extents first..last; true when one of them was clear
@@ -49,21 +50,28 @@ static void trak_mark_extents(struct trak_blkdev *dev, sector_t sector,
 		trak_sched_write_dirty_flag(dev, TRAK_BMP_DIFF);
 }
 
-static void trak_route_filter(struct trak_blkdev *dev, struct bio *bio)
+/* Marks a write's extents, then passes it on, or to copy-on-write. */
+static int trak_route_filter(struct trak_blkdev *dev, struct bio *bio)
 {
 	struct trak_filter *f = &dev->filter;
 	unsigned int sectors = bio_sectors(bio);
+	int rc = 0;
 
 	oxread_lock(&f->io_lock);
-	f->io_cnt++;
+	atomic_inc(&f->io_cnt);
 
 	if (op_is_write(bio_op(bio)) && sectors)
 		trak_mark_extents(dev, bio->bi_iter.bi_sector, sectors);
 
-	bio_set_dev(bio, f->hdd_bdev);
-	submit_bio_noacct(bio);
+	if (list_empty(&f->snaps) || !sectors) {
+		bio_set_dev(bio, f->hdd_bdev);
+		submit_bio_noacct(bio);
+	} else {
+		rc = trak_route_filter_with_snaps(dev, bio);
+	}
 
 	oxread_unlock(&f->io_lock);
+	return rc;
 }
 
 /*
@@ -100,9 +108,11 @@ void trak_make_request(struct bio *bio)
 			 __func__, trak_blk_major, minor);
 		rc = -EIO;
 	} else if (dev->dev_type == TRAK_DEV_FILTER) {
-		trak_route_filter(dev, bio);
+		rc = trak_route_filter(dev, bio);
+	} else if (dev->dev_type == TRAK_DEV_SNAP) {
+		rc = trak_route_snap(dev, bio);
 	} else {
-		/* Nothing else routes I/O yet: never leave a bio hanging. */
+		/* Never leave a bio hanging. */
 		rc = -EIO;
 	}
 
