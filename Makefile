@@ -26,7 +26,8 @@ SAN_BUILD ?= build-san
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 1800
 FUZZ_CALLS ?= 1000000
-SAN_TARGETS = trak_host_tests fsmap_tests trakctl fsmap_fuzz make_fsmap_seeds
+SAN_TARGETS = trak_host_tests fsmap_tests snap_tests trakctl fsmap_regression_tests \
+	fsmap_fuzz make_fsmap_seeds
 
 .PHONY: all deps module tools san lint check check-debug fuzz demo bench clean
 
@@ -56,7 +57,7 @@ lint: module tools
 
 check: module tools lint san
 	ctest --test-dir $(BUILD) --output-on-failure -j 1
-	ctest --test-dir $(SAN_BUILD) --output-on-failure -j 1 -R '^(host|fsmap|fuzz)\.'
+	ctest --test-dir $(SAN_BUILD) --output-on-failure -j 1 -R '^(host|fsmap|snap|fuzz)\.'
 
 check-debug: tools
 	scripts/check-debug.sh $(BUILD)
