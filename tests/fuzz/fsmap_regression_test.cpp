@@ -62,7 +62,11 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         // Four billion blocks on an 8 MiB partition sized the group
         // descriptor table at 3.6 GiB.
-        Regression{"ext2-blocks-count-beyond-device", &trak_ext2_reader, kExt2Corrupt}),
+        Regression{"ext2-blocks-count-beyond-device", &trak_ext2_reader, kExt2Corrupt},
+        // Four billion allocation groups of 16 blocks on a 1 MiB partition.
+        Regression{"xfs-agcount-beyond-device",
+                   &trak_xfs_reader,
+                   {{TRAK_LOG_ERR, "xfs_reader_init(): Superblock of hdd(7, 3) is corrupt."}}}),
     [](const ::testing::TestParamInfo<Regression>& info) {
         std::string name = info.param.input;
         std::erase(name, '-');
