@@ -34,12 +34,22 @@ std::vector<Seed> Seeds() {
         {"ext2-1k-file",
          [](const ScratchDir& d) { return MakeExt2ImageWithFile(d, 16 * kMiB, 256 * 1024); }},
         {"ext3-4k-filled",
-         [](const ScratchDir& d) { return MakeFilledExt3Image(d, 32 * kMiB, 3, 64 * 1024); }},
+         [](const ScratchDir& d) {
+             return MakeFilledExtImage(d, "ext3", 32 * kMiB, 3, 64 * 1024);
+         }},
+        // mkfs.ext4's defaults: 64bit, flex_bg, metadata_csum, uninitialised groups.
+        {"ext4-4k-filled",
+         [](const ScratchDir& d) {
+             return MakeFilledExtImage(d, "ext4", 32 * kMiB, 3, 64 * 1024);
+         }},
         {"ext4-flexbg",
          [](const ScratchDir& d) {
              return MakeExtImage(d, "ext4", 1024, 24 * kMiB, 0, "-O ^64bit,^metadata_csum");
          }},
-        {"xfs-v4-1k", [](const ScratchDir& d) { return MakeXfsImage(d, 1024, 4, 8, 320 * kMiB); }},
+        {"xfs-v4-1k",
+         [](const ScratchDir& d) { return MakeXfsImage(d, kXfsV4, 1024, 4, 8, 320 * kMiB); }},
+        {"xfs-v5-4k",
+         [](const ScratchDir& d) { return MakeXfsImage(d, kXfsV5, 4096, 4, 8, 320 * kMiB); }},
         {"reiserfs-4k", [](const ScratchDir& d) { return MakeReiserfsImage(d, 64 * kMiB); }},
     };
 }
