@@ -209,6 +209,8 @@ boot() {
 			elapsed - last_change >= quiet_within)); then
 			boot_stalled=quiet
 			boot_limit=$quiet_within
+			# Before QEMU, killed, adds its own line.
+			quiet_line=$(tail -n 1 "$out/console.log" | tr -d '\r')
 		elif ((!started && elapsed >= start_within)); then
 			boot_stalled=no-start
 			boot_limit=$start_within
@@ -248,7 +250,7 @@ fi
 # tests, early in the boot; a second boot usually gets through.
 if [ "$boot_stalled" = quiet ]; then
 	echo "run-vm.sh: the guest printed nothing for $quiet_within s before" \
-		"it reached the command (last line: $(tail -n 1 "$out/console.log" | tr -d '\r'));" \
+		"it reached the command (last line: $quiet_line);" \
 		"retrying once"
 	boot
 fi
