@@ -14,6 +14,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "json_parser.h"
@@ -23,6 +24,7 @@
 #include "support/filter_test.h"
 #include "support/node_commands.h"
 #include "support/proc_files.h"
+#include "support/snap_test.h"
 #include "support/test_disks.h"
 
 namespace trak::vmtest {
@@ -39,17 +41,29 @@ constexpr const char* kRawBitmap = "/tmp/trakctl-smoke.raw";
 // FilterTest's bitmap directory, and the file of node 0's incremental bitmap.
 constexpr const char* kBitmapDir = "/tmp/trak-bitmaps";
 constexpr const char* kIncrFile = "/tmp/trak-bitmaps/trak0.incr";
+// The snap node of the snapshot starts, and its chunk size.
+constexpr std::int32_t kSnapMinor = 1;
+constexpr std::uint32_t kChunkSize = 65536;
+// SnapTest's COW directory, which the verbs' arguments name.
+constexpr const char* kSnapCowDir = "/mnt/trak-cow";
 
 // What the node looks like before the verb runs.
 enum class Start {
-    kNoNode,       // the driver loaded, nothing else
-    kStoppedNode,  // a filter node, minor 0, over the tracked disk, not started
-    kStartedNode,  // the same, started, both bitmaps cleared, then extents
-                   // 10 to 12 written through the node
-    kExt2OnSpare,  // no node; an ext2 file system on the spare disk
-    kFileOnDisk,   // kStoppedNode with both bitmaps cleared, then its
-                   // incremental bitmap file replaced by a clean one of
-                   // FileBits()
+    kNoNode,        // the driver loaded, nothing else
+    kStoppedNode,   // a filter node, minor 0, over the tracked disk, not started
+    kStartedNode,   // the same, started, both bitmaps cleared, then extents
+                    // 10 to 12 written through the node
+    kExt2OnSpare,   // no node; an ext2 file system on the spare disk
+    kFileOnDisk,    // kStoppedNode with both bitmaps cleared, then its
+                    // incremental bitmap file replaced by a clean one of
+                    // FileBits()
+    kSnapAdded,     // kStartedNode, and a snap node on kSnapMinor, not started
+    kSnapTaken,     // the same, the snap started
+    kSnapOfExt2,    // an ext2 file system on the tracked disk, a started
+                    // filter over it and a started snap on kSnapMinor
+    kSnapToResume,  // kSnapTaken, stopped, the driver reloaded, the filter
+                    // and the snap added again (not started) with the
+                    // snap's old COW files
 };
 
 struct Output {
@@ -112,10 +126,10 @@ std::string Joined(const std::vector<std::string>& args) {
     return joined;
 }
 
-void ExpectStarted(const ControlDevice& control, bool started) {
-    const NodeInfo node = GetInfo(control, 0);
+void ExpectStarted(const ControlDevice& control, bool started, std::int32_t minor = 0) {
+    const NodeInfo node = GetInfo(control, minor);
     ASSERT_EQ(node.error, 0);
-    EXPECT_EQ(node.info.started, started ? 1 : 0);
+    EXPECT_EQ(node.info.started, started ? 1 : 0) << "node " << minor;
 }
 
 void ExpectBitmap(const ControlDevice& control, BitmapKind kind,
@@ -155,6 +169,12 @@ const std::vector<std::string> kBitmapKeys = {"minor",   "kind",   "extent_size"
 const std::string kWrittenRanges =
     "extents 10-12 of 5120 \\(extent size 65536\\)\n"
     "bytes 655360-851967 \\(3 extents set\\)\n";
+const std::string kUuid = "\\{[0-9a-f-]{36}\\}";
+// The COW files that --cow-dir names after the snap's uuid.
+const std::string kCowFiles = std::string("COW bitmap file: +") + kSnapCowDir +
+                              "/trak-snap-[0-9a-f-]{36}\\.cow-bitmap\n"
+                              "COW data file: +" +
+                              kSnapCowDir + "/trak-snap-[0-9a-f-]{36}\\.cow-data\n";
 
 const std::vector<VerbCase> kVerbCases = {
     {"StatusWithoutNodes",
@@ -163,7 +183,7 @@ const std::vector<VerbCase> kVerbCases = {
      0,
      kStatusLines + "filter nodes:    none\nsnap nodes:      none\n",
      "",
-     {"device", "chr_major", "blk_major", "debug", "filter", "snap"},
+     {"device", "chr_major", "blk_major", "debug", "filter", "snap", "snaps"},
      nullptr},
     {"StatusWithANode",
      Start::kStoppedNode,
@@ -171,7 +191,7 @@ const std::vector<VerbCase> kVerbCases = {
      0,
      kStatusLines + "filter nodes:    0\nsnap nodes:      none\n",
      "",
-     {"device", "chr_major", "blk_major", "debug", "filter", "snap"},
+     {"device", "chr_major", "blk_major", "debug", "filter", "snap", "snaps"},
      nullptr},
     {"DebugShowsTheLevel",
      Start::kNoNode,
@@ -216,7 +236,8 @@ const std::vector<VerbCase> kVerbCases = {
      {"minor",          "dev_type",       "dev_size",       "started",       "use_cnt",
       "uuid",           "name",           "hdd_name",       "extent_size",   "extent_cnt",
       "snap_minors",    "snap_cnt",       "incr_bmp_size",  "diff_bmp_size", "incr_bmp_fname",
-      "diff_bmp_fname", "incr_bmp_clear", "diff_bmp_clear", "incr_bmp_full", "diff_bmp_full"},
+      "diff_bmp_fname", "incr_bmp_clear", "diff_bmp_clear", "incr_bmp_full", "diff_bmp_full",
+      "snaps"},
      nullptr},
     {"InfoOfNoNode",
      Start::kNoNode,
@@ -399,6 +420,85 @@ const std::vector<VerbCase> kVerbCases = {
          kSeeLog,
      {},
      nullptr},
+    {"SnapAdd",
+     Start::kStartedNode,
+     {"snap", "add", "0", "--chunk-size", "65536", "--cow-dir", kSnapCowDir},
+     0,
+     "filter: +0\nminor: +1\nname: +trak1\nuuid: +" + kUuid + "\nchunk size \\(bytes\\): +65536\n" +
+         kCowFiles + "device file: +/dev/trak/trak1\ndisk device: +/dev/trak1\n",
+     "",
+     {"filter_minor", "snap_minor", "name", "uuid", "chunk_size", "chunk_size_raised",
+      "cow_bmp_fname", "cow_data_fname", "dev_name", "disk"},
+     [](const ControlDevice& control) {
+         const NodeInfo snap = GetInfo(control, kSnapMinor);
+         ASSERT_EQ(snap.error, 0);
+         EXPECT_EQ(snap.info.dev_type, static_cast<std::uint32_t>(TRAK_DEV_SNAP));
+         EXPECT_EQ(snap.info.started, 0);
+     }},
+    {"SnapAddToNoFilter",
+     Start::kNoNode,
+     {"snap", "add", "4", "--chunk-size", "65536", "--cow-dir", kSnapCowDir},
+     1,
+     "",
+     R"(trakctl: snap add 4: TRAK_ADD_SNAP_NODE failed: E[A-Z]+ \(.+\)\.)" + kSeeLog,
+     {},
+     nullptr},
+    {"StartSnap",
+     Start::kSnapAdded,
+     {"start", "1"},
+     0,
+     "",
+     "",
+     {},
+     [](const ControlDevice& control) { ExpectStarted(control, true, kSnapMinor); }},
+    {"SnapResume",
+     Start::kSnapToResume,
+     {"snap", "resume", "1"},
+     0,
+     "",
+     "",
+     {},
+     [](const ControlDevice& control) {
+         ExpectStarted(control, true, kSnapMinor);
+         ExpectStarted(control, true, 0);
+         EXPECT_EQ(GetInfo(control, kSnapMinor).info.snap_valid, 1U);
+     }},
+    {"SnapResumeOfAFilter",
+     Start::kStoppedNode,
+     {"snap", "resume", "0"},
+     1,
+     "",
+     R"(trakctl: snap resume 0: TRAK_RESUME_SNAP failed: E[A-Z]+ \(.+\)\.)" + kSeeLog,
+     {},
+     nullptr},
+    // Extent 0 holds the superblock and the first group's metadata.
+    {"DatablockMap",
+     Start::kSnapOfExt2,
+     {"datablock-map", "1", "--extent-size", "65536"},
+     0,
+     "extents 0[-,][0-9,-]* of 5120 \\(extent size 65536\\)\n"
+     "bytes 0-[0-9,-]+ \\([0-9]+ extents set\\)\n",
+     "",
+     {"minor", "extent_size", "extent_cnt", "set_cnt", "ranges", "byte_ranges"},
+     nullptr},
+    {"DatablockMapWithoutAFileSystem",
+     Start::kSnapTaken,
+     {"datablock-map", "1", "--extent-size", "65536"},
+     1,
+     "",
+     "trakctl: datablock-map 1: TRAK_GET_DATABLOCK_BMP failed: ENOMEM \\(the snap's file system "
+     "was not recognised, so it has no data-block map \\(or the driver ran out of memory\\)\\)\\." +
+         kSeeLog,
+     {},
+     nullptr},
+    {"DatablockMapOfAFilter",
+     Start::kStartedNode,
+     {"datablock-map", "0", "--extent-size", "65536"},
+     1,
+     "",
+     R"(trakctl: datablock-map 0: TRAK_GET_DATABLOCK_BMP failed: E[A-Z]+ \(.+\)\.)" + kSeeLog,
+     {},
+     nullptr},
     {"UnknownVerb",
      Start::kNoNode,
      {"frobnicate"},
@@ -417,14 +517,26 @@ const std::vector<VerbCase> kVerbCases = {
      nullptr},
 };
 
-class TrakctlSmokeTest : public FilterTest, public ::testing::WithParamInterface<VerbCase> {
+class TrakctlSmokeTest : public SnapTest, public ::testing::WithParamInterface<VerbCase> {
   protected:
+    static_assert(std::string_view(kCowDir) == kSnapCowDir);
+
     // Reloads the driver and builds `start` (fatal failure otherwise).
     void Prepare(Start start) {
         ASSERT_EQ(UnloadDriver(), 0);
         std::filesystem::remove_all(bmp_dir());
         std::filesystem::create_directories(bmp_dir());
         ASSERT_NO_FATAL_FAILURE(LoadDriverAgain());
+        // No file system an earlier case made on the tracked disk is left
+        // for the data-block map to find.
+        ASSERT_TRUE(Succeeds({"dd", "if=/dev/zero", std::string("of=") + kTrackedDisk, "bs=64k",
+                              "count=16", "oflag=direct"}));
+        // No COW file of an earlier case is left for a snap to find.
+        for (const auto& entry : std::filesystem::directory_iterator(kCowDir)) {
+            if (entry.path().filename() != "lost+found") {
+                std::filesystem::remove(entry.path());
+            }
+        }
         // A raw bitmap of all ones for the verbs that read one.
         std::ofstream(kRawBitmap, std::ios::binary)
             << std::string(kBitmapBytes, static_cast<char>(0xff));
@@ -432,17 +544,37 @@ class TrakctlSmokeTest : public FilterTest, public ::testing::WithParamInterface
             case Start::kNoNode:
                 break;
             case Start::kExt2OnSpare:
+                // The spare disk holds the COW file system until now.
+                ASSERT_EQ(Unmount(kCowDir), 0);
                 ASSERT_TRUE(Succeeds({"mkfs.ext2", "-q", "-F", kSpareDisk}));
                 break;
             case Start::kStoppedNode:
                 ASSERT_NO_FATAL_FAILURE(AddFilterNode(kTrackedDisk, kExtentSize, 0, false));
                 break;
             case Start::kStartedNode:
+                ASSERT_NO_FATAL_FAILURE(StartWrittenNode());
+                break;
+            case Start::kSnapAdded:
+                ASSERT_NO_FATAL_FAILURE(StartWrittenNode());
+                ASSERT_NO_FATAL_FAILURE(AddSnapNode(0, kChunkSize, kSnapMinor));
+                break;
+            case Start::kSnapTaken:
+                ASSERT_NO_FATAL_FAILURE(StartWrittenNode());
+                ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunkSize, kSnapMinor));
+                break;
+            case Start::kSnapOfExt2:
+                ASSERT_TRUE(Succeeds({"mkfs.ext2", "-q", "-F", kTrackedDisk}));
                 ASSERT_NO_FATAL_FAILURE(AddFilterNode(kTrackedDisk, kExtentSize, 0, true));
-                ASSERT_NO_FATAL_FAILURE(ClearBothBitmaps(0));
-                ASSERT_TRUE(Succeeds({"dd", "if=/dev/urandom", "of=" + NodeDevice(0), "bs=64k",
-                                      "count=" + std::to_string(kWrittenExtents),
-                                      "seek=" + std::to_string(kFirstWritten), "oflag=direct"}));
+                ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunkSize, kSnapMinor));
+                break;
+            case Start::kSnapToResume:
+                ASSERT_NO_FATAL_FAILURE(StartWrittenNode());
+                ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunkSize, kSnapMinor));
+                ASSERT_EQ(StopNode(control(), kSnapMinor), 0);
+                ASSERT_EQ(UnloadDriver(), 0);
+                ASSERT_NO_FATAL_FAILURE(LoadDriverAgain());
+                ASSERT_NO_FATAL_FAILURE(AddFilterNode(kTrackedDisk, kExtentSize, 0, false));
+                ASSERT_NO_FATAL_FAILURE(AddSnapNode(0, kChunkSize, kSnapMinor));
                 break;
             case Start::kFileOnDisk:
                 // Not started: no write, so nothing else touches the file.
@@ -451,6 +583,15 @@ class TrakctlSmokeTest : public FilterTest, public ::testing::WithParamInterface
                 ASSERT_EQ(WriteWholeFile(kIncrFile, EncodeCleanBitmapFile(FileBits())), 0);
                 break;
         }
+    }
+
+    // kStartedNode.
+    void StartWrittenNode() {
+        ASSERT_NO_FATAL_FAILURE(AddFilterNode(kTrackedDisk, kExtentSize, 0, true));
+        ASSERT_NO_FATAL_FAILURE(ClearBothBitmaps(0));
+        ASSERT_TRUE(Succeeds({"dd", "if=/dev/urandom", "of=" + NodeDevice(0), "bs=64k",
+                              "count=" + std::to_string(kWrittenExtents),
+                              "seek=" + std::to_string(kFirstWritten), "oflag=direct"}));
     }
 
     static void ExpectOutput(const std::vector<std::string>& args, const Output& got,
