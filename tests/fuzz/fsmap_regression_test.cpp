@@ -7,6 +7,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,9 @@ struct Regression {
     const trak_blkbmp_reader* reader;
     std::vector<LogLine> log;
 };
+
+// Names the case by its input in test lists (the struct holds pointers).
+void PrintTo(const Regression& r, std::ostream* os) { *os << r.input; }
 
 std::vector<uint8_t> ReadInput(const std::string& name) {
     std::ifstream file(std::string(TRAK_FSMAP_REGRESSIONS) + "/" + name, std::ios::binary);
