@@ -67,6 +67,11 @@ INSTANTIATE_TEST_SUITE_P(
         // Four billion blocks on an 8 MiB partition sized the group
         // descriptor table at 3.6 GiB.
         Regression{"ext2-blocks-count-beyond-device", &trak_ext2_reader, kExt2Corrupt},
+        // As the fuzzer found it: 637534208 groups of 2055366801 blocks on
+        // a 320 MiB partition.
+        Regression{"xfs-fuzzed-agcount-beyond-device",
+                   &trak_xfs_reader,
+                   {{TRAK_LOG_ERR, "xfs_reader_init(): Superblock of hdd(7, 3) is corrupt."}}},
         // Four billion allocation groups of 16 blocks on a 1 MiB partition.
         Regression{"xfs-agcount-beyond-device",
                    &trak_xfs_reader,
