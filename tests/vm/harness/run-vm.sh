@@ -195,7 +195,7 @@ boot() {
 	local start=$SECONDS
 	while kill -0 "$vm" 2>/dev/null; do
 		elapsed=$((SECONDS - start))
-		((printed)) || ! grep -q 'Linux version' "$out/console.log" ||
+		((printed)) || ! grep -qs 'Linux version' "$out/console.log" ||
 			printed=1
 		((started)) || [ ! -e "$harness/started" ] || started=1
 		size=$(stat -c %s "$out/console.log" 2>/dev/null || echo 0)
@@ -223,7 +223,7 @@ boot() {
 	done
 	vm_status=0
 	wait "$vm" || vm_status=$?
-	if grep -q 'Linux version' "$out/console.log"; then
+	if grep -qs 'Linux version' "$out/console.log"; then
 		printed=1
 	fi
 }
