@@ -5,7 +5,13 @@
 #   make tools    build libtrak, trakctl and the test suites (CMake)
 #   make lint     checkpatch and sparse (kernel), clang-format and
 #                 clang-tidy (user space)
-#   make check    all of the above, then every test (host and VM)
+#   make check    all of the above, then every test (host and VM), and the
+#                 host tests again built with ASan and UBSan, with a short
+#                 run of the file-system fuzzer
+#   make check-debug  every VM test on the debug kernel (KASAN, lockdep,
+#                 kmemleak...); builds that kernel once per machine
+#   make fuzz     the fuzzers, long: file systems on the host, ioctls in
+#                 the VM (on the debug kernel when it is built)
 #   make demo     track a partition in the test VM, end to end
 #   make bench    the change-tracking benchmark, in the test VM
 #   make clean    remove everything built
@@ -15,9 +21,15 @@
 KVER = $(or $(TRAK_KVER),$(shell ls /lib/modules | grep -E '^6\.1\.[0-9]+-[0-9]+-amd64$$' | sort -V | tail -n 1))
 KDIR = /lib/modules/$(KVER)/build
 BUILD ?= build
+# User space again, built by clang with ASan and UBSan, and the fuzzers.
+SAN_BUILD ?= build-san
 JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 1800
+FUZZ_CALLS ?= 1000000
+SAN_TARGETS = trak_host_tests fsmap_tests snap_tests trakctl fsmap_regression_tests \
+	fsmap_fuzz make_fsmap_seeds
 
-.PHONY: all deps module tools lint check demo bench clean
+.PHONY: all deps module tools san lint check check-debug fuzz demo bench clean
 
 all: module tools
 
@@ -32,13 +44,28 @@ tools: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRAK_KVER=$(KVER)
 	cmake --build $(BUILD) -j $(JOBS)
 
+san: deps
+	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRAK_KVER=$(KVER) \
+		-DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
+		-DTRAK_SANITIZE=ON -DTRAK_FUZZ=ON
+	cmake --build $(SAN_BUILD) -j $(JOBS) --target $(SAN_TARGETS)
+
 lint: module tools
 	scripts/lint.sh $(KDIR) $(BUILD)
 	cmake --build $(BUILD) --target format-check
 	cmake --build $(BUILD) --target tidy
 
-check: module tools lint
+check: module tools lint san
 	ctest --test-dir $(BUILD) --output-on-failure -j 1
+	ctest --test-dir $(SAN_BUILD) --output-on-failure -j 1 -R '^(host|fsmap|snap|fuzz)\.'
+
+check-debug: tools
+	scripts/check-debug.sh $(BUILD)
+
+fuzz: tools san
+	tests/fuzz/run-fsmap-fuzz.sh $(SAN_BUILD)/tests/fuzz/fsmap_fuzz \
+		$(SAN_BUILD)/tests/fuzz/make_fsmap_seeds $(SAN_BUILD)/fuzz-fsmap $(FUZZ_SECONDS)
+	TRAK_FUZZ_CALLS=$(FUZZ_CALLS) scripts/fuzz-ioctl.sh $(BUILD)
 
 demo: module tools
 	scripts/demo.sh $(BUILD)
@@ -48,4 +75,4 @@ bench: module tools
 
 clean:
 	-$(MAKE) -C $(KDIR) M=$(CURDIR)/driver clean
-	rm -rf $(BUILD) out
+	rm -rf $(BUILD) $(SAN_BUILD) out

@@ -7,6 +7,7 @@ PACKAGES="build-essential bc flex bison libelf-dev
 linux-image-amd64 linux-headers-amd64 linux-source-6.1 sparse
 qemu-system-x86 busybox-static cpio kmod procps
 cmake googletest libgtest-dev clang-format clang-tidy
+clang libclang-rt-14-dev libssl-dev xz-utils
 e2fsprogs xfsprogs reiserfsprogs dmsetup fio"
 
 missing=""

@@ -10,16 +10,25 @@
 #include "log.h"
 #include "oxlock.h"
 
-void oxmutex_init(struct oxmutex *m)
+void trak_oxmutex_init(struct oxmutex *m, const char *name,
+		       struct lock_class_key *key)
 {
 	sema_init(&m->sem, 1);
 	m->owner = NULL;
 	m->depth = 0;
 	spin_lock_init(&m->guard);
+	lockdep_init_map(&m->dep_map, name, key, 0);
 }
 
+/*
+ * Every acquire may sleep, the recursive one included, so that a caller in
+ * atomic context is caught on its first call, not only when it contends.
+ * Lockdep hears of the outermost acquire before the task sleeps for it,
+ * so that a deadlock is reported instead of hanging silently.
+ */
 void oxmutex_lock(struct oxmutex *m)
 {
+	might_sleep();
 	spin_lock(&m->guard);
 	if (m->depth && m->owner == current) {
 		m->depth++;
@@ -28,6 +37,7 @@ void oxmutex_lock(struct oxmutex *m)
 	}
 	spin_unlock(&m->guard);
 
+	mutex_acquire(&m->dep_map, 0, 0, _RET_IP_);
 	down(&m->sem);
 
 	spin_lock(&m->guard);
@@ -53,16 +63,20 @@ void oxmutex_unlock(struct oxmutex *m)
 	}
 	spin_unlock(&m->guard);
 
-	if (release)
+	if (release) {
+		mutex_release(&m->dep_map, _RET_IP_);
 		up(&m->sem);
+	}
 }
 
-void oxrwlock_init(struct oxrwlock *l)
+void trak_oxrwlock_init(struct oxrwlock *l, const char *name,
+			struct lock_class_key *key)
 {
 	init_waitqueue_head(&l->wait);
 	l->owner = NULL;
 	l->count = 0;
 	spin_lock_init(&l->guard);
+	lockdep_init_map(&l->dep_map, name, key, 0);
 }
 
 /*
@@ -76,6 +90,8 @@ void oxrwlock_init(struct oxrwlock *l)
 
 void oxread_lock(struct oxrwlock *l)
 {
+	might_sleep();
+	lock_acquire_shared_recursive(&l->dep_map, 0, 0, NULL, _RET_IP_);
 	spin_lock(&l->guard);
 	oxrwlock_wait(l, l->count >= 0);
 	l->count++;
@@ -92,18 +108,31 @@ void oxread_unlock(struct oxrwlock *l)
 		wake = --l->count == 0;
 	spin_unlock(&l->guard);
 
-	if (!held)
+	if (!held) {
 		trak_log(TRAK_LOG_ERR,
 			 "%s(): Can't release RO lock: not locked.", __func__);
-	else if (wake)
+		return;
+	}
+	lock_release(&l->dep_map, _RET_IP_);
+	if (wake)
 		wake_up_all(&l->wait);
 }
 
 void oxwrite_lock(struct oxrwlock *l)
 {
+	might_sleep();
 	spin_lock(&l->guard);
-	if (l->count >= 0 || l->owner != current)
-		oxrwlock_wait(l, l->count == 0);
+	if (l->count < 0 && l->owner == current) {
+		l->count--;
+		spin_unlock(&l->guard);
+		return;
+	}
+	spin_unlock(&l->guard);
+
+	/* Only this task could make it its own in between: it still is not. */
+	lock_acquire_exclusive(&l->dep_map, 0, 0, NULL, _RET_IP_);
+	spin_lock(&l->guard);
+	oxrwlock_wait(l, l->count == 0);
 	l->owner = current;
 	l->count--;
 	spin_unlock(&l->guard);
@@ -121,9 +150,13 @@ void oxwrite_unlock(struct oxrwlock *l)
 	}
 	spin_unlock(&l->guard);
 
-	if (!held)
+	if (!held) {
 		trak_log(TRAK_LOG_ERR,
 			 "%s(): Can't release RW lock: not owner.", __func__);
-	else if (wake)
+		return;
+	}
+	if (wake) {
+		lock_release(&l->dep_map, _RET_IP_);
 		wake_up_all(&l->wait);
+	}
 }

@@ -151,9 +151,15 @@ static int ext2_reader_ext4_geometry(struct ext2_reader *ctx, const u8 *sb,
 		    ctx->blocks_per_group || ctx->first_data_block)
 			return ext2_reader_corrupt(ctx->bdev, func);
 	}
-	/* A group's bits must fit its bitmap block, and the groups a disk. */
+	/*
+	 * A group's bits must fit its bitmap block, and the groups a disk.
+	 * The file system must fit its partition: the descriptor table is
+	 * sized by the block count, and a forged count asks for gigabytes.
+	 */
 	if (!ctx->clusters_per_group ||
 	    ctx->clusters_per_group > ctx->block_size * 8 ||
+	    ctx->blocks_count > (u64)bdev_nr_bytes(ctx->bdev) /
+				ctx->block_size ||
 	    ctx->first_data_block >= ctx->blocks_count ||
 	    DIV_ROUND_UP(ctx->blocks_count - ctx->first_data_block,
 			 ctx->blocks_per_group) > U32_MAX)

@@ -109,9 +109,16 @@ static int xfs_reader_setup(struct xfs_reader *ctx, u32 *block_size,
 
 	if (block_size)
 		*block_size = ctx->blocksize;
+	/*
+	 * Every allocation group must start on the partition: the per-group
+	 * tables are sized by the group count, which a forged superblock
+	 * can make four billion.
+	 */
 	if (ctx->blocksize < XFS_MIN_BLOCK_SIZE ||
 	    ctx->blocksize > XFS_MAX_BLOCK_SIZE ||
-	    !is_power_of_2(ctx->blocksize) || !ctx->agblocks) {
+	    !is_power_of_2(ctx->blocksize) || !ctx->agblocks ||
+	    !ctx->agcount || (u64)(ctx->agcount - 1) * ctx->agblocks >=
+	    (u64)bdev_nr_bytes(bdev) / ctx->blocksize) {
 		trak_log(TRAK_LOG_ERR, "%s(): Superblock of hdd(%d, %d) is corrupt.",
 			 func, MAJOR(bdev->bd_dev), MINOR(bdev->bd_dev));
 		return -EINVAL;

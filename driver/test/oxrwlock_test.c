@@ -27,9 +27,11 @@ static void trak_test_write_unlock(void *lock)
 	oxwrite_unlock(lock);
 }
 
-static void trak_test_read_lock(void *lock)
+/* Takes a read lock and leaves it for the test's own task to release. */
+static void trak_test_read_lock_for_other(void *lock)
 {
 	oxread_lock(lock);
+	trak_oxread_hand_off(lock);
 }
 
 /* Releasing a read lock nobody holds is refused and changes nothing. */
@@ -64,13 +66,15 @@ static int trak_test_oxrwlock_readers_share(void)
 	if (!TRAK_CHECK(l.count == 2))
 		return -EINVAL;
 
-	if (!TRAK_CHECK(!trak_test_task_start(&reader, trak_test_read_lock, &l)))
+	if (!TRAK_CHECK(!trak_test_task_start(&reader,
+						  trak_test_read_lock_for_other, &l)))
 		return -EINVAL;
 	if (!TRAK_CHECK(trak_test_task_finished(&reader)))
 		return -EINVAL;
 	trak_test_task_stop(&reader);
 	if (!TRAK_CHECK(l.count == 3))
 		return -EINVAL;
+	trak_oxread_take_over(&l);
 	oxread_unlock(&l);	/* on behalf of the reader task */
 
 	if (!TRAK_CHECK(!trak_test_task_start(&writer, trak_test_write_cycle, &l)))

@@ -9,7 +9,8 @@
 # outcome is the harness's "the command did not finish", with the marker
 # the case leaves just before the power-off. Boot 2 (OUT_DIR/boot2, the
 # same images) runs CrashSafetyTest.DirtyFilesAfterPowerOffGiveAllOnes,
-# which must pass. TRAK_MODULE_DIR, when set, is handed on to the guest.
+# which must pass. TRAK_MODULE_DIR, when set, is handed on to the guest;
+# TRAK_VM_TIME_FACTOR stretches the time limits.
 set -eu
 out=$1
 suite=$2
@@ -25,7 +26,7 @@ fi
 
 status=0
 "$here/harness/run-vm.sh" --out "$out/boot1" --disks 2 --disk-size 128M \
-	--timeout 400 -- "$@" --gtest_filter=CrashSafetyTest.PowerOffDuringWrites \
+	--timeout $((400 * ${TRAK_VM_TIME_FACTOR:-1})) -- "$@" --gtest_filter=CrashSafetyTest.PowerOffDuringWrites \
 	>"$out/boot1.log" 2>&1 || status=$?
 cat "$out/boot1.log"
 if [ "$status" -ne 125 ] ||
@@ -38,5 +39,5 @@ fi
 echo "crash-test.sh: boot 1 was powered off during writes, as intended"
 
 "$here/harness/run-vm.sh" --out "$out/boot2" --disk "$out/boot1/disk0.img" \
-	--disk "$out/boot1/disk1.img" --timeout 400 -- \
+	--disk "$out/boot1/disk1.img" --timeout $((400 * ${TRAK_VM_TIME_FACTOR:-1})) -- \
 	"$@" --gtest_filter=CrashSafetyTest.DirtyFilesAfterPowerOffGiveAllOnes

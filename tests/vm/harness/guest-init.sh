@@ -23,7 +23,9 @@ mount -t devtmpfs devtmpfs /dev || die "cannot mount /dev"
 # Without a /dev/console in the image the kernel started us with no output.
 exec </dev/console >/dev/console 2>&1
 
+# A kernel that has them built in comes with none.
 for ko in /modules/*.ko; do
+	[ -e "$ko" ] || continue
 	insmod "$ko" || die "cannot load $ko"
 done
 

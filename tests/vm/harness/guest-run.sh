@@ -5,8 +5,9 @@
 # starts with the unload prefix (default "trak") can be unloaded, and powers
 # the VM off.
 #
-# Files in /mnt/out/harness: it reads "command" (the argv, NUL-separated)
-# and "unload-prefix"; it writes "started", "exit-status", "output.log"
+# Files in /mnt/out/harness: it reads "command" (the argv, NUL-separated),
+# "unload-prefix", "modules" (the kernel's module tree) and "time-factor";
+# it writes "started", "exit-status", "output.log"
 # (the command's stdout and stderr), "unload-failures" (one line for each
 # module left loaded) and "finished".
 #
@@ -104,10 +105,18 @@ mount -t tmpfs -o mode=1777 tmpfs /dev/shm
 mount_scratch /tmp 1777
 mount_scratch /run 755
 mount -t debugfs debugfs /sys/kernel/debug 2>/dev/null
-# Report a stuck task while the run still lasts; an oops ends only the
-# process that hit it.
-echo 20 >/proc/sys/kernel/hung_task_timeout_secs
+# Report a stuck task while the run still lasts (after 20 s, times the
+# time factor of a slow kernel); an oops ends only the process that hit it.
+factor=1
+[ -s "$harness/time-factor" ] && read -r factor <"$harness/time-factor"
+echo $((20 * factor)) >/proc/sys/kernel/hung_task_timeout_secs
 echo 0 >/proc/sys/kernel/panic_on_oops
+# A kernel that is not installed on the host (the debug kernel) keeps its
+# module tree elsewhere; modprobe looks in /lib/modules only.
+kmods=/lib/modules/$(uname -r)
+if [ ! -e "$kmods" ] && [ -s "$harness/modules" ]; then
+	ln -s "$(cat "$harness/modules")" "$kmods"
+fi
 # Nothing else loads drivers here: make the disks appear as /dev/vd*.
 modprobe virtio_blk
 

@@ -1,16 +1,18 @@
 #!/bin/sh
-# Usage: mkinitramfs.sh OUT.cpio.gz [KVER]
+# Usage: mkinitramfs.sh OUT.cpio.gz [MODULE_TREE]
 #
 # Builds the test VM's initramfs: a static busybox, the modules needed to
 # reach the host's root file system over virtio-9p and to lay an overlay on
 # it (with their dependencies, in load order), and guest-init.sh as /init.
+# MODULE_TREE is the kernel's lib/modules/VERSION (default: that of the
+# kernel find-kernel.sh names); modules built into the kernel are left out.
 #
 # It is rebuilt on every call: that takes about half a second, no more than
 # checksumming the inputs to decide whether a rebuild is needed.
 set -eu
 
 usage() {
-	echo "usage: $0 OUT.cpio.gz [KVER]" >&2
+	echo "usage: $0 OUT.cpio.gz [MODULE_TREE]" >&2
 	exit 2
 }
 
@@ -19,8 +21,7 @@ if [ $# -lt 1 ] || [ $# -gt 2 ]; then
 fi
 out=$1
 here=$(cd "$(dirname "$0")" && pwd)
-kver=${2:-$("$here/find-kernel.sh")}
-moddir=/lib/modules/$kver
+moddir=${2:-$("$here/find-kernel.sh" --modules)}
 [ -f "$moddir/modules.dep" ] || {
 	echo "mkinitramfs.sh: no $moddir/modules.dep" >&2
 	exit 1
@@ -32,28 +33,37 @@ busybox=$(command -v busybox) || {
 
 # The modules /init loads, in this order; their dependencies are added.
 MODULES="virtio virtio_ring virtio_pci_legacy_dev virtio_pci_modern_dev
-virtio_pci netfs fscache 9pnet 9pnet_virtio 9p overlay"
+virtio_pci 9pnet 9pnet_virtio 9p overlay"
 
-# Appends to $load_order module $1 after its dependencies.  modules.dep
-# lists every dependency, direct or not, each one possibly needing those
-# after it; so they load last to first, as modprobe does.  "-" and "_" in
-# names are the same.
-load_order=""
-add_module() {
-	line=$(awk -v want="$(echo "$1" | tr - _)" '
+# Prints the line of modules list file $2 (modules.dep, modules.builtin)
+# whose module is named $1; "-" and "_" in names are the same.
+module_line() {
+	awk -v want="$(echo "$1" | tr - _)" '
 		{
 			name = $1
+			sub(/:$/, "", name)
 			sub(/.*\//, "", name)
 			sub(/\.ko.*$/, "", name)
 			gsub(/-/, "_", name)
 			if (name == want) {
-				sub(/:/, "")
-				for (i = NF; i > 1; i--)
-					printf "%s ", $i
-				print $1
+				print
 				exit
 			}
-		}' "$moddir/modules.dep")
+		}' "$2"
+}
+
+# Appends to $load_order module $1 after its dependencies; a module built
+# into the kernel (and so are its dependencies) needs nothing.
+# modules.dep lists every dependency, direct or not, each one possibly
+# needing those after it; so they load last to first, as modprobe does.
+load_order=""
+add_module() {
+	if [ -f "$moddir/modules.builtin" ] &&
+		[ -n "$(module_line "$1" "$moddir/modules.builtin")" ]; then
+		return
+	fi
+	line=$(module_line "$1" "$moddir/modules.dep" |
+		awk '{ sub(/:/, ""); for (i = NF; i > 1; i--) printf "%s ", $i; print $1 }')
 	if [ -z "$line" ]; then
 		echo "mkinitramfs.sh: module $1 not in $moddir" >&2
 		exit 1

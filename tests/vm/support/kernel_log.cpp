@@ -3,11 +3,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -18,6 +21,33 @@ constexpr int kLevelError = 3;
 constexpr int kLevelInfo = 6;
 // Larger than the longest record /dev/kmsg hands out.
 constexpr size_t kRecordBufferSize = 16384;
+// How much of a kernel report a failure shows: enough for the lock chains
+// of a lockdep report and the stacks of a KASAN report.
+constexpr size_t kReportLines = 80;
+
+// The extended regular expressions of the kernel's bug reports, one a line,
+// shared with the harness's console scan; joined into one, since a test
+// may leave a hundred thousand records to look at.
+const std::regex& BugReportPattern() {
+    static const std::regex pattern = [] {
+        std::ifstream file(TRAK_BUG_PATTERNS_FILE);
+        if (!file) {
+            throw std::runtime_error("cannot read " TRAK_BUG_PATTERNS_FILE);
+        }
+        std::string joined;
+        for (std::string line; std::getline(file, line);) {
+            if (!line.empty()) {
+                joined += (joined.empty() ? "(" : "|(") + line + ")";
+            }
+        }
+        return std::regex(joined, std::regex::extended | std::regex::nosubs);
+    }();
+    return pattern;
+}
+
+bool IsBugReport(const LogRecord& record) {
+    return std::regex_search(record.text, BugReportPattern());
+}
 
 // The tag the driver puts before its informational lines: the logging
 // task's id as "%04d".
@@ -144,6 +174,30 @@ const std::vector<LogRecord>& KernelLog::Records() {
         }
     }
     return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult KernelLog::NoBugReports() {
+    const std::vector<LogRecord>& records = Records();
+    std::ostringstream reports;
+    size_t shown = 0;
+    for (size_t i = 0; i < records.size(); ++i) {
+        if (!IsBugReport(records[i])) {
+            continue;
+        }
+        if (reports.tellp() == 0) {
+            reports << "the kernel reported a bug during this test:\n";
+        }
+        // Each report from its first line, the lines that follow it at most
+        // kReportLines; a line already shown is not shown again.
+        for (size_t j = std::max(i, shown); j < records.size() && j < i + kReportLines; ++j) {
+            reports << "  " << records[j].text << "\n";
+            shown = j + 1;
+        }
+    }
+    if (reports.tellp() == 0) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << reports.str();
 }
 
 std::string KernelLog::Dump() {

@@ -66,6 +66,12 @@ class KernelLog {
     // matched; other records may come in between.
     ::testing::AssertionResult ContainsInOrder(const std::vector<LogPattern>& patterns);
     ::testing::AssertionResult Absent(const LogPattern& pattern);
+    // No record since the mark is a kernel report of a bug (KASAN, lockdep,
+    // a sleep in atomic context, an oops, a warning, a hung task...): a
+    // line matching one of the patterns the VM harness fails a boot on
+    // (harness/console-bad.patterns). A failure shows each report, from
+    // its first line on.
+    ::testing::AssertionResult NoBugReports();
 
   private:
     std::string Dump();

@@ -19,9 +19,12 @@ void ModuleTest::SetUp() {
     log_.Mark();
 }
 
+// Unloading comes first: a lock still held, or an object freed twice, is
+// often reported only then.
 void ModuleTest::TearDown() {
     UnloadIfLoaded(kDriverModule);
     UnloadIfLoaded(kLockTestModule);
+    EXPECT_TRUE(log_.NoBugReports());
 }
 
 int ModuleTest::LoadDriver(const std::string& params) {

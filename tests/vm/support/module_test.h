@@ -15,7 +15,9 @@ inline constexpr const char* kLockTestModule = "trak_test";
 
 // Whatever a test does, the driver's modules are unloaded when it ends, so
 // that a failing test does not hand its state to the next one. The kernel
-// log is marked when the test starts.
+// log is marked when the test starts; a test fails when the kernel logged
+// a bug report (KASAN, lockdep, a sleep in atomic context, an oops, a
+// warning, a hung task) between that mark and the unload at its end.
 class ModuleTest : public ::testing::Test {
   protected:
     void SetUp() override;

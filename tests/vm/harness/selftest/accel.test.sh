@@ -1,10 +1,10 @@
 #!/bin/bash
 # Tests how the harness chooses QEMU's accelerator and how it gives up on a
 # guest that never boots: pick-accel.sh against made-up CPU flags and
-# /dev/kvm stand-ins (instant), then four boots of run-vm.sh (about 40 s
+# /dev/kvm stand-ins (instant), then five boots of run-vm.sh (about 50 s
 # under TCG): the machine's own choice, the retry under TCG when KVM stays
-# silent, and the fast failures of a silent kernel and of a boot that never
-# reaches the command.
+# silent, and the fast failures of a silent kernel, of a boot that never
+# reaches the command, and of one that falls silent twice before it.
 # The commands in single quotes are expanded by the guest's shell.
 # shellcheck disable=SC2016
 set -u
@@ -104,6 +104,16 @@ TRAK_VM_ACCEL=tcg TRAK_VM_QEMU=$here/qemu-stuck-boot.sh vm stuck \
 expect_status "a boot that never reaches the command fails" 125 "$status"
 expect_line "with the reason" "$tmp/stuck.txt" \
 	"run-vm.sh: FAIL: the guest did not reach the command within 5 s (accel tcg)"
+[ "$seconds" -lt 30 ]
+report $? "and fails fast (${seconds} s of a 600 s limit)"
+
+TRAK_VM_ACCEL=tcg TRAK_VM_QEMU=$here/qemu-stuck-boot.sh vm quiet \
+	--quiet-within 3 --start-within 600 --timeout 600 -- /bin/true
+expect_status "a boot that falls silent before the command fails" 125 "$status"
+expect_line "after one retry" "$tmp/quiet.txt" \
+	"run-vm.sh: the guest printed nothing for 3 s before it reached the command (last line: Linux version 6.1.0 (stand-in)); retrying once"
+expect_line "with the reason" "$tmp/quiet.txt" \
+	"run-vm.sh: FAIL: the guest stopped printing for 3 s before it reached the command (accel tcg)"
 [ "$seconds" -lt 30 ]
 report $? "and fails fast (${seconds} s of a 600 s limit)"
 

@@ -9,7 +9,7 @@ mkdir -p "$mnt"
 mount /dev/vda "$mnt"
 fsfreeze -f "$mnt"
 echo data >"$mnt/file" &
-for _ in $(seq 90); do
+for _ in $(seq $((90 * $(cat /mnt/out/harness/time-factor)))); do
 	dmesg | grep -q 'blocked for more than' && break
 	sleep 1
 done

@@ -50,16 +50,18 @@ for fs in ext4 xfs reiserfs; do
 		"$dev: $fs: written to $fs"
 done
 
-vm loop --unload-prefix loop -- /bin/sh -c \
-	'modprobe loop && truncate -s 1M /tmp/img && losetup -f /tmp/img'
+# null_blk is a module in every kernel the VM boots; a task that outlives
+# the command keeps its disk open.
+vm busy --unload-prefix null_blk -- /bin/sh -c \
+	'modprobe null_blk && { setsid sleep 600 </dev/nullb0 >/dev/null 2>&1 & }'
 expect_status "a module that stays in use fails the run" 125 "$status"
-expect_line "the module is named" "$tmp/loop.txt" \
-	"run-vm.sh: FAIL: module loop cannot be unloaded: rmmod: ERROR: Module loop is in use"
+expect_line "the module is named" "$tmp/busy.txt" \
+	"run-vm.sh: FAIL: module null_blk cannot be unloaded: rmmod: ERROR: Module null_blk is in use"
 
 # A module that warns on request, built for the guest's kernel.
 mkdir -p "$tmp/module"
 cp "$here/Kbuild" "$here/trak_vmtest.c" "$tmp/module/"
-make -s -C "/lib/modules/$kver/build" M="$tmp/module" modules \
+make -s -C "$("$here/../find-kernel.sh" --build)" M="$tmp/module" modules \
 	>"$tmp/module.txt" 2>&1
 report $? "the self-test module builds"
 for name in taint warn; do
@@ -81,10 +83,12 @@ expect_line "the reason is the console" "$tmp/warn.txt" \
 expect_match "the WARNING is shown" "$tmp/warn.txt" \
 	"^[0-9]+:\[ *[0-9.]+\] WARNING: CPU: [0-9]+ PID: [0-9]+ at .*trak_vmtest"
 
+# The guest waits 20 s (times TRAK_VM_TIME_FACTOR) before it reports.
+hung_after=$((20 * ${TRAK_VM_TIME_FACTOR:-1}))
 vm hung --disks 1 --disk-size 64M -- tests/vm/harness/selftest/hung-task.guest.sh
-expect_status "a task blocked for 20 s fails the run" 125 "$status"
+expect_status "a task blocked for $hung_after s fails the run" 125 "$status"
 expect_match "the blocked task is shown" "$tmp/hung.txt" \
-	"^[0-9]+:\[ *[0-9.]+\] INFO: task .* blocked for more than 20 seconds\."
+	"^[0-9]+:\[ *[0-9.]+\] INFO: task .* blocked for more than $hung_after seconds\."
 
 vm timeout --timeout 30 -- sleep 600
 expect_status "a run past its time limit fails" 124 "$status"
