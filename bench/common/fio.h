@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace cbt {
+namespace bench {
 
 struct Workload {
     std::string_view name;
@@ -44,4 +44,4 @@ Measurement run_fio(const std::string& device, const Workload& workload,
 // first touch of a memory-backed device's pages.
 void fill_span(const std::string& device, const FioSettings& settings);
 
-}  // namespace cbt
+}  // namespace bench

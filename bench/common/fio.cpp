@@ -6,7 +6,7 @@
 
 #include "command.h"
 
-namespace cbt {
+namespace bench {
 
 namespace {
 
@@ -84,4 +84,4 @@ void fill_span(const std::string& device, const FioSettings& settings) {
     parse_terse(run_command(fio_args(device, "write", 1048576, 32, settings.span_bytes)));
 }
 
-}  // namespace cbt
+}  // namespace bench

@@ -8,7 +8,7 @@
 
 #include "fio.h"
 
-namespace cbt {
+namespace bench {
 
 // The median of the values (the mean of the middle two for an even count).
 double median(std::vector<double> values);
@@ -23,4 +23,4 @@ struct Row {
 void print_table(std::ostream& out, const std::vector<std::string>& targets,
                  const std::vector<Row>& rows);
 
-}  // namespace cbt
+}  // namespace bench

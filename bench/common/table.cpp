@@ -5,7 +5,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace cbt {
+namespace bench {
 
 namespace {
 
@@ -55,4 +55,4 @@ void print_table(std::ostream& out, const std::vector<std::string>& targets,
     }
 }
 
-}  // namespace cbt
+}  // namespace bench
