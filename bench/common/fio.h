@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace bench {
 
@@ -43,5 +44,18 @@ Measurement run_fio(const std::string& device, const Workload& workload,
 // Writes the span of `device` once, so that no measurement pays for the
 // first touch of a memory-backed device's pages.
 void fill_span(const std::string& device, const FioSettings& settings);
+
+// One pass of requests of `block_size` bytes at `offsets`, each issued once
+// and in that order, so that a pass can touch every chunk of a snapshot
+// exactly once.
+struct Replay {
+    bool reads;
+    std::uint32_t block_size;
+    std::uint32_t queue_depth;
+    std::vector<std::uint64_t> offsets;
+};
+
+// Runs `replay` on `device` with O_DIRECT and libaio.
+Measurement run_fio_replay(const std::string& device, const Replay& replay);
 
 }  // namespace bench

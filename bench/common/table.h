@@ -10,6 +10,10 @@
 
 namespace bench {
 
+// `figure` with the unit `workload` is reported in ("12345 IOPS",
+// "678.9 MiB/s").
+std::string figure_text(const Workload& workload, double figure);
+
 // The median of the values (the mean of the middle two for an even count).
 double median(std::vector<double> values);
 
