@@ -7,7 +7,9 @@
 #                 clang-tidy (user space)
 #   make check    all of the above, then every test (host and VM)
 #   make demo     track a partition in the test VM, end to end
-#   make bench    the change-tracking benchmark, in the test VM
+#   make bench    both benchmarks (bench-cbt, bench-snap), in the test VM
+#   make bench-cbt   the change-tracking benchmark
+#   make bench-snap  the snapshot benchmark
 #   make clean    remove everything built
 
 # The Debian 6.1 kernel the module is built for and the VM boots.  It is
@@ -17,7 +19,7 @@ KDIR = /lib/modules/$(KVER)/build
 BUILD ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps module tools lint check demo bench clean
+.PHONY: all deps module tools lint check demo bench bench-cbt bench-snap clean
 
 all: module tools
 
@@ -43,8 +45,13 @@ check: module tools lint
 demo: module tools
 	scripts/demo.sh $(BUILD)
 
-bench: module tools
+bench: bench-cbt bench-snap
+
+bench-cbt: module tools
 	bench/cbt/run.sh $(BUILD)
+
+bench-snap: module tools
+	bench/snap/run.sh $(BUILD)
 
 clean:
 	-$(MAKE) -C $(KDIR) M=$(CURDIR)/driver clean
