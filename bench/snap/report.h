@@ -22,9 +22,9 @@ inline constexpr std::array<std::string_view, kTargetCount> kTargetNames = {
 enum class Pass { kFirstWrite, kRewrite, kRead };
 
 struct Row {
-    std::uint32_t chunk_size;
-    Pass pass;
-    const bench::Workload* workload;
+    std::uint32_t chunk_size{};
+    Pass pass{};
+    const bench::Workload* workload{};
     // Per target, one figure per round; a target not measured in a pass
     // has none.
     std::array<std::vector<double>, kTargetCount> figures;

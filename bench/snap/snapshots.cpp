@@ -1,6 +1,7 @@
 #include "snapshots.h"
 
 #include <trak/control.h>
+#include <trak/cow_usage.h>
 
 #include <exception>
 #include <fstream>
@@ -89,6 +90,14 @@ TrakSnap::TrakSnap(const Testbed& testbed, std::uint32_t chunk_size)
         throw;
     }
     device_ = "/dev/trak" + std::to_string(minor_);
+}
+
+std::uint64_t TrakSnap::preserved_chunks() const {
+    const trak::Info info = trak::Control().info(minor_);
+    if (!info.snap || !info.snap->snap_valid) {
+        throw std::runtime_error(device_ + " is not a valid snap any more");
+    }
+    return trak::cow_usage(*info.snap, info.dev_size).chunks;
 }
 
 TrakSnap::~TrakSnap() {

@@ -44,6 +44,10 @@ class TrakSnap {
     // The snap node's (read-only) device.
     const std::string& device() const { return device_; }
 
+    // The chunks its COW bitmap marks as preserved; throws when the snap
+    // has become invalid, since a failed copy is no measurement of copying.
+    std::uint64_t preserved_chunks() const;
+
   private:
     std::int32_t minor_ = -1;
     std::string device_;
