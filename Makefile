@@ -13,7 +13,9 @@
 #   make fuzz     the fuzzers, long: file systems on the host, ioctls in
 #                 the VM (on the debug kernel when it is built)
 #   make demo     track a partition in the test VM, end to end
-#   make bench    the change-tracking benchmark, in the test VM
+#   make bench    both benchmarks (bench-cbt, bench-snap), in the test VM
+#   make bench-cbt   the change-tracking benchmark
+#   make bench-snap  the snapshot benchmark
 #   make clean    remove everything built
 
 # The Debian 6.1 kernel the module is built for and the VM boots.  It is
@@ -29,7 +31,7 @@ FUZZ_CALLS ?= 1000000
 SAN_TARGETS = trak_host_tests fsmap_tests snap_tests trakctl fsmap_regression_tests \
 	fsmap_fuzz make_fsmap_seeds
 
-.PHONY: all deps module tools san lint check check-debug fuzz demo bench clean
+.PHONY: all deps module tools san lint check check-debug fuzz demo bench bench-cbt bench-snap clean
 
 all: module tools
 
@@ -70,8 +72,13 @@ fuzz: tools san
 demo: module tools
 	scripts/demo.sh $(BUILD)
 
-bench: module tools
+bench: bench-cbt bench-snap
+
+bench-cbt: module tools
 	bench/cbt/run.sh $(BUILD)
+
+bench-snap: module tools
+	bench/snap/run.sh $(BUILD)
 
 clean:
 	-$(MAKE) -C $(KDIR) M=$(CURDIR)/driver clean

@@ -1,8 +1,8 @@
-# Fails when a user-space source under lib/, tools/ or tests/ is not formatted
+# Fails when a user-space source under lib/, tools/, tests/ or bench/ is not formatted
 # as .clang-format says. Run with:
 #   cmake -DCLANG_FORMAT=<clang-format> -DSOURCE_DIR=<top> -P FormatCheck.cmake
 set(_patterns)
-foreach(_dir lib tools tests)
+foreach(_dir lib tools tests bench)
     foreach(_ext cpp cc h hpp)
         list(APPEND _patterns ${SOURCE_DIR}/${_dir}/*.${_ext})
     endforeach()

@@ -21,6 +21,11 @@
 #include "table.h"
 #include "testbed.h"
 
+// The fio runner and the table come from the benchmarks' shared library.
+namespace cbt {
+using namespace bench;
+}  // namespace cbt
+
 namespace {
 
 constexpr std::uint32_t kDeviceGiB = 1;

@@ -12,6 +12,8 @@
 
 namespace cbt {
 
+using bench::run_command;
+
 namespace {
 
 constexpr std::uint32_t kExtentSize = 65536;

@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <system_error>
 
-namespace cbt {
+namespace bench {
 
 namespace {
 
@@ -111,4 +111,4 @@ std::string run_command(const std::vector<std::string>& argv) {
     return output;
 }
 
-}  // namespace cbt
+}  // namespace bench

@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
-namespace cbt {
+namespace bench {
 
 // Runs `argv` without a shell and returns what it wrote to stdout; throws
 // std::runtime_error, with the command and its stderr, when it cannot be
 // started or exits with a status other than 0.
 std::string run_command(const std::vector<std::string>& argv);
 
-}  // namespace cbt
+}  // namespace bench

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace cbt {
+namespace bench {
 
 namespace {
 
@@ -13,14 +13,14 @@ constexpr int kWorkloadWidth = 31;
 constexpr int kFigureWidth = 16;
 constexpr int kRatioWidth = 15;
 
+}  // namespace
+
 std::string figure_text(const Workload& workload, double figure) {
     std::ostringstream text;
     text << std::fixed << std::setprecision(workload.per_op ? 0 : 1) << figure
          << (workload.per_op ? " IOPS" : " MiB/s");
     return text.str();
 }
-
-}  // namespace
 
 double median(std::vector<double> values) {
     if (values.empty()) {
@@ -55,4 +55,4 @@ void print_table(std::ostream& out, const std::vector<std::string>& targets,
     }
 }
 
-}  // namespace cbt
+}  // namespace bench

@@ -1,17 +1,21 @@
 #include "fio.h"
 
 #include <charconv>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <vector>
 
 #include "command.h"
 
-namespace cbt {
+namespace bench {
 
 namespace {
 
 // Fields of fio's terse output, version 3, counted from 1.
 constexpr std::size_t kErrorField = 5;
+constexpr std::size_t kReadBandwidthField = 7;  // KiB/s
+constexpr std::size_t kReadIopsField = 8;
 constexpr std::size_t kWriteBandwidthField = 48;  // KiB/s
 constexpr std::size_t kWriteIopsField = 49;
 
@@ -38,7 +42,7 @@ double number(const std::vector<std::string_view>& fields, std::size_t field) {
     return value;
 }
 
-Measurement parse_terse(std::string_view output) {
+Measurement parse_terse(std::string_view output, bool reads = false) {
     const std::vector<std::string_view> fields = split(output.substr(0, output.find('\n')), ';');
     // The first field is the terse version.
     if (fields.size() < kWriteIopsField || fields.front() != "3") {
@@ -47,8 +51,8 @@ Measurement parse_terse(std::string_view output) {
     if (number(fields, kErrorField) != 0) {
         throw std::runtime_error("fio: the job failed: " + std::string(output));
     }
-    return {.iops = number(fields, kWriteIopsField),
-            .mib_per_s = number(fields, kWriteBandwidthField) / 1024};
+    return {.iops = number(fields, reads ? kReadIopsField : kWriteIopsField),
+            .mib_per_s = number(fields, reads ? kReadBandwidthField : kWriteBandwidthField) / 1024};
 }
 
 std::vector<std::string> fio_args(const std::string& device, std::string_view rw,
@@ -84,4 +88,28 @@ void fill_span(const std::string& device, const FioSettings& settings) {
     parse_terse(run_command(fio_args(device, "write", 1048576, 32, settings.span_bytes)));
 }
 
-}  // namespace cbt
+Measurement run_fio_replay(const std::string& device, const Replay& replay) {
+    // fio's version 2 I/O log: the file's name on each line, no timing.
+    const std::filesystem::path log = std::filesystem::temp_directory_path() / "bench-replay.log";
+    {
+        std::ofstream out(log);
+        out << "fio version 2 iolog\n" << device << " add\n" << device << " open\n";
+        const std::string action = replay.reads ? " read " : " write ";
+        for (const std::uint64_t offset : replay.offsets) {
+            out << device << action << offset << ' ' << replay.block_size << '\n';
+        }
+        out << device << " close\n";
+        if (!out.flush()) {
+            throw std::runtime_error("cannot write " + log.string());
+        }
+    }
+    const std::string output =
+        run_command({"fio", "--name=replay", "--read_iolog=" + log.string(), "--replay_no_stall=1",
+                     "--bs=" + std::to_string(replay.block_size),
+                     "--iodepth=" + std::to_string(replay.queue_depth), "--direct=1",
+                     "--ioengine=libaio", "--output-format=terse", "--terse-version=3"});
+    std::filesystem::remove(log);
+    return parse_terse(output, replay.reads);
+}
+
+}  // namespace bench

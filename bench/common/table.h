@@ -8,7 +8,11 @@
 
 #include "fio.h"
 
-namespace cbt {
+namespace bench {
+
+// `figure` with the unit `workload` is reported in ("12345 IOPS",
+// "678.9 MiB/s").
+std::string figure_text(const Workload& workload, double figure);
 
 // The median of the values (the mean of the middle two for an even count).
 double median(std::vector<double> values);
@@ -23,4 +27,4 @@ struct Row {
 void print_table(std::ostream& out, const std::vector<std::string>& targets,
                  const std::vector<Row>& rows);
 
-}  // namespace cbt
+}  // namespace bench

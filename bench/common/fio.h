@@ -5,8 +5,9 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
-namespace cbt {
+namespace bench {
 
 struct Workload {
     std::string_view name;
@@ -44,4 +45,17 @@ Measurement run_fio(const std::string& device, const Workload& workload,
 // first touch of a memory-backed device's pages.
 void fill_span(const std::string& device, const FioSettings& settings);
 
-}  // namespace cbt
+// One pass of requests of `block_size` bytes at `offsets`, each issued once
+// and in that order, so that a pass can touch every chunk of a snapshot
+// exactly once.
+struct Replay {
+    bool reads;
+    std::uint32_t block_size;
+    std::uint32_t queue_depth;
+    std::vector<std::uint64_t> offsets;
+};
+
+// Runs `replay` on `device` with O_DIRECT and libaio.
+Measurement run_fio_replay(const std::string& device, const Replay& replay);
+
+}  // namespace bench
