@@ -8,6 +8,11 @@
 #   make check    all of the above, then every test (host and VM)
 #   make demo     track a partition in the test VM, end to end
 #   make bench    the change-tracking benchmark, in the test VM
+#   make install  install trakctl, libtrak, the headers, man pages, unit,
+#                 udev rules and completion (PREFIX, default /usr/local;
+#                 DESTDIR for staging)
+#   make uninstall  remove what the last `make install` put in place
+#   make deb      the Debian packages trak-dkms and trak-tools, in out/deb
 #   make clean    remove everything built
 
 # The Debian 6.1 kernel the module is built for and the VM boots.  It is
@@ -16,8 +21,9 @@ KVER = $(or $(TRAK_KVER),$(shell ls /lib/modules | grep -E '^6\.1\.[0-9]+-[0-9]+
 KDIR = /lib/modules/$(KVER)/build
 BUILD ?= build
 JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
 
-.PHONY: all deps module tools lint check demo bench clean
+.PHONY: all deps module tools lint check demo bench install uninstall deb clean
 
 all: module tools
 
@@ -45,6 +51,20 @@ demo: module tools
 
 bench: module tools
 	bench/cbt/run.sh $(BUILD)
+
+# Builds only what gets installed, so that an install needs neither the
+# test suites nor the kernel.
+install:
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build $(BUILD) -j $(JOBS) --target trak trakctl
+	DESTDIR=$(DESTDIR) cmake --install $(BUILD)
+	test -n "$(DESTDIR)" || ldconfig
+
+uninstall:
+	DESTDIR=$(DESTDIR) cmake --build $(BUILD) --target uninstall
+
+deb: deps
+	scripts/build-debs.sh out/deb
 
 clean:
 	-$(MAKE) -C $(KDIR) M=$(CURDIR)/driver clean
