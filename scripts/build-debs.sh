@@ -16,8 +16,10 @@ src=$out/src/trak-$version
 rm -rf "$out/src" "$out"/*.deb
 mkdir -p "$src"
 cd "$top"
+# Files deleted but not yet committed are left out.
+# shellcheck disable=SC2016
 git ls-files --cached --others --exclude-standard -z |
-	xargs -0 sh -c 'for f; do [ -e "$f" ] && printf "%s\0" "$f"; done' sh |
+	xargs -0 sh -c 'for f; do if [ -e "$f" ]; then printf "%s\0" "$f"; fi; done' sh |
 	tar --null -T - -cf - | tar -xf - -C "$src"
 
 cd "$src"
