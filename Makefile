@@ -16,6 +16,11 @@
 #   make bench    both benchmarks (bench-cbt, bench-snap), in the test VM
 #   make bench-cbt   the change-tracking benchmark
 #   make bench-snap  the snapshot benchmark
+#   make install  install trakctl, libtrak, the headers, man pages, unit,
+#                 udev rules and completion (PREFIX, default /usr/local;
+#                 DESTDIR for staging)
+#   make uninstall  remove what the last `make install` put in place
+#   make deb      the Debian packages trak-dkms and trak-tools, in out/deb
 #   make clean    remove everything built
 
 # The Debian 6.1 kernel the module is built for and the VM boots.  It is
@@ -31,7 +36,10 @@ FUZZ_CALLS ?= 1000000
 SAN_TARGETS = trak_host_tests fsmap_tests snap_tests trakctl fsmap_regression_tests \
 	fsmap_fuzz make_fsmap_seeds
 
-.PHONY: all deps module tools san lint check check-debug fuzz demo bench bench-cbt bench-snap clean
+PREFIX ?= /usr/local
+
+.PHONY: all deps module tools san lint check check-debug fuzz demo bench bench-cbt bench-snap \
+	install uninstall deb clean
 
 all: module tools
 
@@ -79,6 +87,20 @@ bench-cbt: module tools
 
 bench-snap: module tools
 	bench/snap/run.sh $(BUILD)
+
+# Builds only what gets installed, so that an install needs neither the
+# test suites nor the kernel.
+install:
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build $(BUILD) -j $(JOBS) --target trak trakctl
+	DESTDIR=$(DESTDIR) cmake --install $(BUILD)
+	test -n "$(DESTDIR)" || ldconfig
+
+uninstall:
+	DESTDIR=$(DESTDIR) cmake --build $(BUILD) --target uninstall
+
+deb: deps
+	scripts/build-debs.sh out/deb
 
 clean:
 	-$(MAKE) -C $(KDIR) M=$(CURDIR)/driver clean

@@ -8,7 +8,8 @@ linux-image-amd64 linux-headers-amd64 linux-source-6.1 sparse
 qemu-system-x86 busybox-static cpio kmod procps
 cmake googletest libgtest-dev clang-format clang-tidy
 clang libclang-rt-14-dev libssl-dev xz-utils
-e2fsprogs xfsprogs reiserfsprogs dmsetup fio"
+e2fsprogs xfsprogs reiserfsprogs dmsetup fio
+dpkg-dev debhelper dh-dkms dkms lintian man-db"
 
 missing=""
 for p in $PACKAGES; do

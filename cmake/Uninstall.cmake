@@ -1,0 +1,25 @@
+# Removes every file named in an install manifest (MANIFEST), under
+# $ENV{DESTDIR} as the install was, then the directories the install made
+# for trak alone (OWN_DIRS) once they are empty. Directories shared with
+# other software (bin, man, rules.d) stay.
+if(NOT EXISTS "${MANIFEST}")
+    message(FATAL_ERROR "nothing to uninstall: ${MANIFEST} is missing (run the install first)")
+endif()
+file(STRINGS "${MANIFEST}" _files)
+foreach(_file IN LISTS _files)
+    set(_path "$ENV{DESTDIR}${_file}")
+    if(IS_SYMLINK "${_path}" OR EXISTS "${_path}")
+        message(STATUS "Removing ${_path}")
+        file(REMOVE "${_path}")
+    else()
+        message(STATUS "Already gone: ${_path}")
+    endif()
+endforeach()
+foreach(_dir IN LISTS OWN_DIRS)
+    set(_path "$ENV{DESTDIR}${_dir}")
+    file(GLOB _left "${_path}/*")
+    if(IS_DIRECTORY "${_path}" AND NOT _left)
+        message(STATUS "Removing ${_path}")
+        file(REMOVE_RECURSE "${_path}")
+    endif()
+endforeach()
