@@ -82,7 +82,8 @@ TEST_F(TrakctlOutput, InfoJsonOfASnapHasTheRecordsSnapKeysInOrder) {
 
     ASSERT_EQ(result.status, 0) << result.err;
     const JsonValue json = parse_json(result.out);
-    EXPECT_EQ(json.keys, (std::vector<std::string>{"minor",
+    EXPECT_EQ(json.keys, (std::vector<std::string>{"format_version",
+                                                   "minor",
                                                    "dev_type",
                                                    "dev_size",
                                                    "started",
@@ -118,7 +119,7 @@ TEST_F(TrakctlOutput, InfoJsonOfAFilterHasTheRecordsFilterKeys) {
     ASSERT_EQ(result.status, 0) << result.err;
     const JsonValue json = parse_json(result.out);
     EXPECT_EQ(json.keys, (std::vector<std::string>{
-                             "minor",          "dev_type",       "dev_size",       "started",
+                             "format_version", "minor",          "dev_type",       "dev_size",       "started",
                              "use_cnt",        "uuid",           "name",           "hdd_name",
                              "extent_size",    "extent_cnt",     "snap_minors",    "snap_cnt",
                              "incr_bmp_size",  "diff_bmp_size",  "incr_bmp_fname", "diff_bmp_fname",
@@ -146,14 +147,14 @@ TEST_F(TrakctlOutput, ListOfOneTypeAsJson) {
     const auto result = runner.run({"list", "--json", "snap"});
 
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "{\"snap\":[4,6]}\n");
+    EXPECT_EQ(result.out, "{\"format_version\":1,\"snap\":[4,6]}\n");
 }
 
 TEST_F(TrakctlOutput, ListWithoutNodesSaysNone) {
     trak_test::TrakctlRunner empty;
 
     EXPECT_EQ(empty.run({"list", "filter"}).out, "filter nodes: none\n");
-    EXPECT_EQ(empty.run({"list", "filter", "--json"}).out, "{\"filter\":[]}\n");
+    EXPECT_EQ(empty.run({"list", "filter", "--json"}).out, "{\"format_version\":1,\"filter\":[]}\n");
 }
 
 TEST_F(TrakctlOutput, StatusShowsDeviceMajorsDebugAndNodes) {
@@ -180,7 +181,7 @@ TEST_F(TrakctlOutput, StatusJson) {
 
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out,
-              "{\"device\":\"/dev/trakctl\",\"chr_major\":100,\"blk_major\":101,\"debug\":1,"
+              "{\"format_version\":1,\"device\":\"/dev/trakctl\",\"chr_major\":100,\"blk_major\":101,\"debug\":1,"
               "\"filter\":[0,3],\"snap\":[4,6],\"snaps\":["
               "{\"minor\":4,\"name\":\"trak4\",\"filter_minor\":0,\"state\":\"stopped\","
               "\"started\":false,\"snap_valid\":true,\"stop_pending\":false,"
@@ -197,7 +198,7 @@ TEST_F(TrakctlOutput, StatusJson) {
 
 TEST_F(TrakctlOutput, DebugShowsTheLevelWithoutOpeningTheDevice) {
     EXPECT_EQ(runner.run({"debug"}).out, "debug level: 1\n");
-    EXPECT_EQ(runner.run({"debug", "--json"}).out, "{\"debug\":1}\n");
+    EXPECT_EQ(runner.run({"debug", "--json"}).out, "{\"format_version\":1,\"debug\":1}\n");
     EXPECT_TRUE(runner.opened().empty());
 }
 
