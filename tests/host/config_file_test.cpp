@@ -84,8 +84,7 @@ TEST(ConfigFile, EachBadLineIsNamedWithFileAndLine) {
               "/etc/trak/trak.conf:1: 'device = /dev/vdb' is outside any section");
     EXPECT_EQ(error_of("\n[volume x]\n"),
               "/etc/trak/trak.conf:2: unknown section 'volume': expected filter or snap");
-    EXPECT_EQ(error_of("[filter data\n"),
-              "/etc/trak/trak.conf:1: a section header ends with ']'");
+    EXPECT_EQ(error_of("[filter data\n"), "/etc/trak/trak.conf:1: a section header ends with ']'");
     EXPECT_EQ(error_of("[filter]\n"),
               "/etc/trak/trak.conf:1: a section is [filter NAME], NAME one word");
     EXPECT_EQ(error_of("[filter data]\ndevice /dev/vdb\n"),

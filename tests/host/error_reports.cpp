@@ -35,7 +35,8 @@ void expect_usage_errors(const TrakctlRunner& runner, std::string_view verb,
         } else {
             EXPECT_EQ(result.out, "{\"format_version\":1,\"command\":\"" + std::string(verb) +
                                       "\",\"exit_status\":2,\"errno\":null,\"meaning\":null,"
-                                      "\"message\":" + trakctl::json_quote(usage.message) + "}\n");
+                                      "\"message\":" +
+                                      trakctl::json_quote(usage.message) + "}\n");
         }
         EXPECT_EQ(result.err, report);
     }

@@ -1,8 +1,7 @@
 // The snap states saved at shutdown for apply at boot.
+#include <config_file.h>
 #include <gtest/gtest.h>
 #include <snap_state_file.h>
-
-#include <config_file.h>
 
 #include <filesystem>
 
@@ -13,7 +12,11 @@ namespace {
 using trakctl::SavedSnap;
 
 const std::vector<SavedSnap> kStates = {
-    {.name = "nightly", .minor = 4, .snap_valid = true, .stop_pending = false, .del_pending = false},
+    {.name = "nightly",
+     .minor = 4,
+     .snap_valid = true,
+     .stop_pending = false,
+     .del_pending = false},
     {.name = "weekly", .minor = 5, .snap_valid = false, .stop_pending = true, .del_pending = true},
 };
 

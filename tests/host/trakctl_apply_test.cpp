@@ -38,12 +38,12 @@ class TrakctlApply : public ::testing::Test {
     }
 
     void write_config(const std::string& snaps) const {
-        files.write("trak.conf", "[filter data]\ndevice = " + path("by-uuid/sdb1") +
-                                     "\nminor = 0\nextent_size = 65536\nbitmap_dir = " +
-                                     path("bitmaps") +
-                                     "\n\n[filter logs]\ndevice = " + path("disks/sdc1") +
-                                     "\nminor = 1\nextent_size = 4096\nbitmap_dir = " +
-                                     path("bitmaps") + "\n\n" + snaps);
+        files.write("trak.conf",
+                    "[filter data]\ndevice = " + path("by-uuid/sdb1") +
+                        "\nminor = 0\nextent_size = 65536\nbitmap_dir = " + path("bitmaps") +
+                        "\n\n[filter logs]\ndevice = " + path("disks/sdc1") +
+                        "\nminor = 1\nextent_size = 4096\nbitmap_dir = " + path("bitmaps") +
+                        "\n\n" + snaps);
     }
 
     // A filter node record as the driver reports one added by the
@@ -224,15 +224,16 @@ TEST_F(TrakctlApply, NodeThatDiffersIsRefusedAndNothingChanges) {
 }
 
 TEST_F(TrakctlApply, MountedPartitionIsRefusedAndNothingChanges) {
-    runner.proc().write("mounts", "proc /proc proc rw 0 0\n" + path("disks/sdb1") +
-                                      " /srv\\040data ext4 rw 0 0\n");
+    runner.proc().write(
+        "mounts", "proc /proc proc rw 0 0\n" + path("disks/sdb1") + " /srv\\040data ext4 rw 0 0\n");
 
     const auto result = apply({"--json"});
 
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "trakctl: apply: refused, nothing was changed; filter data: the "
-                          "partition " +
-                              path("by-uuid/sdb1") + " is mounted on /srv data\n");
+    EXPECT_EQ(result.err,
+              "trakctl: apply: refused, nothing was changed; filter data: the "
+              "partition " +
+                  path("by-uuid/sdb1") + " is mounted on /srv data\n");
     const auto json = parse_json(result.out);
     EXPECT_EQ(json.at("command").text, "apply");
     EXPECT_EQ(json.at("exit_status").text, "1");
@@ -245,9 +246,10 @@ TEST_F(TrakctlApply, MissingPartitionIsRefusedAndNothingChanges) {
     const auto result = apply();
 
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "trakctl: apply: refused, nothing was changed; filter logs: the "
-                          "partition " +
-                              path("disks/sdc1") + " is missing\n");
+    EXPECT_EQ(result.err,
+              "trakctl: apply: refused, nothing was changed; filter logs: the "
+              "partition " +
+                  path("disks/sdc1") + " is missing\n");
     EXPECT_EQ(changes(), 0U);
 }
 
@@ -361,8 +363,7 @@ TEST_F(TrakctlApply, SaveStateWritesTheConfiguredSnapsTheDriverHas) {
     const std::string config = path("trak.conf");
     const std::string state = path("snaps.state");
 
-    const auto result =
-        runner.run({"save-state", "--config", config, "--state", state, "--json"});
+    const auto result = runner.run({"save-state", "--config", config, "--state", state, "--json"});
 
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(files.read("snaps.state"),

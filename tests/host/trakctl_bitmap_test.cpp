@@ -165,7 +165,8 @@ TEST_F(TrakctlBitmap, GetAsJson) {
 
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out,
-              "{\"format_version\":1,\"minor\":0,\"kind\":\"incr\",\"extent_size\":65536,\"extent_cnt\":33,"
+              "{\"format_version\":1,\"minor\":0,\"kind\":\"incr\",\"extent_size\":65536,\"extent_"
+              "cnt\":33,"
               "\"set_cnt\":5,\"ranges\":[[0,4],[17,1]],"
               "\"byte_ranges\":[[0,262144],[1114112,65536]]}\n");
     const trak_test::JsonValue json = trak_test::parse_json(result.out);

@@ -48,8 +48,10 @@ TEST_F(TrakctlContract, ShortHelpOnEveryVerb) {
 }
 
 TEST_F(TrakctlContract, EveryJsonObjectStartsWithItsFormatVersion) {
-    for (const auto& args : std::vector<std::vector<std::string_view>>{
-             {"status", "--json"}, {"debug", "--json"}, {"list", "--json"}, {"info", "--json", "4"}}) {
+    for (const auto& args : std::vector<std::vector<std::string_view>>{{"status", "--json"},
+                                                                       {"debug", "--json"},
+                                                                       {"list", "--json"},
+                                                                       {"info", "--json", "4"}}) {
         const auto result = runner.run(args);
         ASSERT_EQ(result.status, 0) << args.front() << result.err;
         const JsonValue json = parse_json(result.out);

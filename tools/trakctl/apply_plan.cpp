@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
+#include <ranges>
 #include <set>
 
 #include "cow_file_names.h"
@@ -121,8 +122,7 @@ class Planner {
 
     void keep(std::string_view kind, std::string_view name, std::int32_t minor,
               std::string reason) {
-        plan_.unchanged.push_back(
-            {std::string(kind), std::string(name), minor, std::move(reason)});
+        plan_.unchanged.push_back({std::string(kind), std::string(name), minor, std::move(reason)});
     }
 
     // The filter node other than `minor` that already covers `device`.
@@ -142,8 +142,8 @@ class Planner {
             const auto differences = filter_differences(existing->second, filter);
             if (!differences.empty()) {
                 refuse("filter", filter.name,
-                       "node " + std::to_string(filter.minor) + " differs from the configuration: " +
-                           joined(differences));
+                       "node " + std::to_string(filter.minor) +
+                           " differs from the configuration: " + joined(differences));
             } else if (existing->second.started) {
                 keep("filter", filter.name, filter.minor, "already added and started");
             } else {
@@ -197,8 +197,8 @@ class Planner {
                 keep("snap", snap.name, snap.minor, "already added");
             } else {
                 refuse("snap", snap.name,
-                       "node " + std::to_string(snap.minor) + " differs from the configuration: " +
-                           joined(differences));
+                       "node " + std::to_string(snap.minor) +
+                           " differs from the configuration: " + joined(differences));
             }
             return;
         }
@@ -254,18 +254,18 @@ class Planner {
 
 void carry_out_step(const Step& step, trak::Control& control) {
     switch (step.action) {
-    case StepAction::AddFilter:
-        control.add_filter(step.filter);
-        break;
-    case StepAction::AddSnap:
-        control.add_snap(step.snap);
-        break;
-    case StepAction::ResumeSnap:
-        control.resume_snap(step.state);
-        break;
-    case StepAction::Start:
-        control.start(step.minor);
-        break;
+        case StepAction::AddFilter:
+            control.add_filter(step.filter);
+            break;
+        case StepAction::AddSnap:
+            control.add_snap(step.snap);
+            break;
+        case StepAction::ResumeSnap:
+            control.resume_snap(step.state);
+            break;
+        case StepAction::Start:
+            control.start(step.minor);
+            break;
     }
 }
 
@@ -273,14 +273,14 @@ void carry_out_step(const Step& step, trak::Control& control) {
 
 std::string_view step_action_name(StepAction action) {
     switch (action) {
-    case StepAction::AddFilter:
-        return "add-filter";
-    case StepAction::AddSnap:
-        return "add-snap";
-    case StepAction::ResumeSnap:
-        return "resume-snap";
-    case StepAction::Start:
-        return "start";
+        case StepAction::AddFilter:
+            return "add-filter";
+        case StepAction::AddSnap:
+            return "add-snap";
+        case StepAction::ResumeSnap:
+            return "resume-snap";
+        case StepAction::Start:
+            return "start";
     }
     return "unknown";
 }
@@ -301,9 +301,9 @@ void carry_out(const ApplyPlan& plan, trak::Control& control) {
         }
     } catch (const trak::DriverError&) {
         // Snaps were added after their filters: remove them first.
-        for (auto minor = added.rbegin(); minor != added.rend(); ++minor) {
+        for (const std::int32_t minor : std::views::reverse(added)) {
             try {
-                control.del_node(*minor);
+                control.del_node(minor);
             } catch (const trak::DriverError&) {
                 // The driver's refusal of the step is what the user must see.
             }

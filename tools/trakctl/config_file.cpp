@@ -90,8 +90,8 @@ class Parser {
 
     std::string absolute(const Value& value, std::string_view key) const {
         if (!value.text.starts_with('/')) {
-            fail(value.line, std::string(key) + " must be an absolute path, not '" + value.text +
-                                 "'");
+            fail(value.line,
+                 std::string(key) + " must be an absolute path, not '" + value.text + "'");
         }
         return value.text;
     }
@@ -125,8 +125,10 @@ class Parser {
         if (name.empty() || name.find_first_of(" \t") != std::string_view::npos) {
             fail(number, "a section is [" + std::string(kind) + " NAME], NAME one word");
         }
-        return {kind == "filter" ? SectionKind::Filter : SectionKind::Snap, std::string(name),
-                number, {}};
+        return {kind == "filter" ? SectionKind::Filter : SectionKind::Snap,
+                std::string(name),
+                number,
+                {}};
     }
 
     void add_value(Section& section, std::string_view line, int number) const {
@@ -142,8 +144,8 @@ class Parser {
         const std::string_view value = trim(line.substr(equals + 1));
         const auto& keys = section.kind == SectionKind::Filter ? filter_keys : snap_keys;
         if (!keys.contains(key)) {
-            fail(number, "unknown key '" + std::string(key) + "' in a " +
-                             kind_name(section.kind) + " section");
+            fail(number, "unknown key '" + std::string(key) + "' in a " + kind_name(section.kind) +
+                             " section");
         }
         if (value.empty()) {
             fail(number, "'" + std::string(key) + "' has no value");
@@ -162,9 +164,9 @@ FilterConfig filter_of(const Parser& parser, const Section& section) {
         .device = parser.absolute(parser.required(section, "device"), "device"),
         .minor = parser.convert(parser.required(section, "minor"),
                                 [](std::string_view text) { return parse_minor(text); }),
-        .extent_size = parser.convert(
-            parser.required(section, "extent_size"),
-            [](std::string_view text) { return parse_size(text, "extent size"); }),
+        .extent_size =
+            parser.convert(parser.required(section, "extent_size"),
+                           [](std::string_view text) { return parse_size(text, "extent size"); }),
         .bitmap_dir = parser.absolute(parser.required(section, "bitmap_dir"), "bitmap_dir"),
         .uuid = {},
         .line = section.line,
@@ -218,8 +220,9 @@ void check_unique(const Parser& parser, const Config& config) {
 }  // namespace
 
 const FilterConfig* Config::find_filter(std::string_view name) const {
-    const auto found = std::find_if(filters.begin(), filters.end(),
-                                    [name](const FilterConfig& filter) { return filter.name == name; });
+    const auto found =
+        std::find_if(filters.begin(), filters.end(),
+                     [name](const FilterConfig& filter) { return filter.name == name; });
     return found == filters.end() ? nullptr : &*found;
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "../apply_plan.h"
+#include "../boot_files.h"
 #include "../config_file.h"
 #include "../snap_state_file.h"
 #include "verbs.h"
@@ -12,13 +13,11 @@ namespace trakctl {
 
 namespace {
 
-constexpr std::string_view kConfig = "--config";
-constexpr std::string_view kState = "--state";
 constexpr std::string_view kDryRun = "--dry-run";
 
 constexpr std::array kOptions = {
-    OptionSpec{kConfig, "FILE", "the configuration (default /etc/trak/trak.conf)"},
-    OptionSpec{kState, "FILE", "the saved snap states (default /var/lib/trak/snaps.state)"},
+    kConfigOptionSpec,
+    kStateOptionSpec,
     OptionSpec{kDryRun, "", "show what would change, and change nothing"},
 };
 
@@ -55,8 +54,7 @@ std::vector<ReportItem> unchanged_items(const ApplyPlan& plan) {
 }
 
 void run_apply(const Invocation& invocation) {
-    const std::string config_file(invocation.options.value(kConfig).value_or(kDefaultConfigFile));
-    const std::string state_file(invocation.options.value(kState).value_or(kDefaultStateFile));
+    const auto [config_file, state_file] = boot_files(invocation.options);
     const bool dry_run = invocation.options.has(kDryRun);
     const Config config = read_config(config_file);
     const std::vector<SavedSnap> saved = read_snap_states(state_file);

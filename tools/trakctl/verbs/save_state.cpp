@@ -1,8 +1,10 @@
 // trakctl save-state: write down the configured snaps' states at shutdown,
 // for apply to resume them after the next boot.
+#include <algorithm>
 #include <array>
 #include <string>
 
+#include "../boot_files.h"
 #include "../config_file.h"
 #include "../snap_state_file.h"
 #include "verbs.h"
@@ -11,13 +13,7 @@ namespace trakctl {
 
 namespace {
 
-constexpr std::string_view kConfig = "--config";
-constexpr std::string_view kState = "--state";
-
-constexpr std::array kOptions = {
-    OptionSpec{kConfig, "FILE", "the configuration (default /etc/trak/trak.conf)"},
-    OptionSpec{kState, "FILE", "the file to write (default /var/lib/trak/snaps.state)"},
-};
+constexpr std::array kOptions = {kConfigOptionSpec, kStateOptionSpec};
 
 // The states of the configured snaps that the driver has, as configured.
 std::vector<SavedSnap> configured_snap_states(const Config& config, trak::Control& control) {
@@ -41,8 +37,7 @@ std::vector<SavedSnap> configured_snap_states(const Config& config, trak::Contro
 }
 
 void run_save_state(const Invocation& invocation) {
-    const std::string config_file(invocation.options.value(kConfig).value_or(kDefaultConfigFile));
-    const std::string state_file(invocation.options.value(kState).value_or(kDefaultStateFile));
+    const auto [config_file, state_file] = boot_files(invocation.options);
     const Config config = read_config(config_file);
     const std::vector<SavedSnap> states =
         configured_snap_states(config, invocation.context.control());
