@@ -43,6 +43,7 @@ void run_save_state(const Invocation& invocation) {
         configured_snap_states(config, invocation.context.control());
     write_snap_states(state_file, states);
     std::vector<ReportItem> items;
+    items.reserve(states.size());
     for (const SavedSnap& snap : states) {
         items.push_back({
             .label = "saved",
