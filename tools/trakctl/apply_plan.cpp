@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
-#include <ranges>
 #include <set>
 
 #include "cow_file_names.h"
@@ -301,9 +300,9 @@ void carry_out(const ApplyPlan& plan, trak::Control& control) {
         }
     } catch (const trak::DriverError&) {
         // Snaps were added after their filters: remove them first.
-        for (const std::int32_t minor : std::views::reverse(added)) {
+        for (; !added.empty(); added.pop_back()) {
             try {
-                control.del_node(minor);
+                control.del_node(added.back());
             } catch (const trak::DriverError&) {
                 // The driver's refusal of the step is what the user must see.
             }
