@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
@@ -11,9 +10,9 @@ namespace trak {
 
 namespace {
 
-int open_device(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
+FileDescriptor open_device(const std::string& path) {
+    FileDescriptor fd(path, O_RDWR);
+    if (!fd.valid()) {
         throw std::system_error(
             errno, std::generic_category(),
             "cannot open the control device " + path + " (is the trak module loaded?)");
@@ -25,10 +24,10 @@ int open_device(const std::string& path) {
 
 DeviceChannel::DeviceChannel(const std::string& path) : fd_(open_device(path)) {}
 
-DeviceChannel::~DeviceChannel() { ::close(fd_); }
+DeviceChannel::~DeviceChannel() = default;
 
 int DeviceChannel::ioctl(unsigned long request, void* arg) {
-    const int result = ::ioctl(fd_, request, arg);
+    const int result = ::ioctl(fd_.get(), request, arg);
     return result < 0 ? -errno : result;
 }
 

@@ -11,14 +11,11 @@
 #include <stdexcept>
 #include <string>
 
-#include "file_descriptor.h"
+#include "trak/file_descriptor.h"
 
 namespace trak {
 
 namespace {
-
-using detail::FileDescriptor;
-using detail::throw_errno;
 
 // The marked chunks of a COW bitmap of `chunks` chunks, read block by block.
 class MarkCounter {
@@ -77,10 +74,7 @@ void check_length(int fd, const std::filesystem::path& path, const SnapInfo& sna
 
 CowUsage cow_usage(const SnapInfo& snap, std::uint64_t dev_size) {
     const std::filesystem::path path(snap.cow_bmp_fname);
-    const FileDescriptor file(path, O_RDONLY);
-    if (file.get() < 0) {
-        throw_errno("read", path);
-    }
+    const FileDescriptor file = open_file(path, O_RDONLY, "read");
     check_length(file.get(), path, snap);
     MarkCounter counter(snap.cow_chunks);
     std::array<std::uint8_t, 65536> block{};

@@ -9,20 +9,14 @@
 #include <system_error>
 #include <utility>
 
-#include "file_descriptor.h"
+#include "trak/file_descriptor.h"
 
 namespace trak {
 
 namespace {
 
-using detail::FileDescriptor;
-using detail::throw_errno;
-
 std::string read_entry(const std::filesystem::path& path) {
-    const FileDescriptor file(path, O_RDONLY);
-    if (file.get() < 0) {
-        throw_errno("read", path);
-    }
+    const FileDescriptor file = open_file(path, O_RDONLY, "read");
     std::string text;
     std::array<char, 4096> chunk{};
     for (;;) {
@@ -65,10 +59,7 @@ int ProcTree::debug() const { return parse_entry<int>(root_ / "debug"); }
 
 void ProcTree::set_debug(int level) const {
     const std::filesystem::path path = root_ / "debug";
-    const FileDescriptor file(path, O_WRONLY);
-    if (file.get() < 0) {
-        throw_errno("open", path);
-    }
+    const FileDescriptor file = open_file(path, O_WRONLY, "open");
     const std::string text = std::to_string(level) + "\n";
     const ssize_t written = ::write(file.get(), text.data(), text.size());
     if (written < 0) {

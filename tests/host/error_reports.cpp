@@ -1,6 +1,10 @@
 #include "error_reports.h"
 
 #include <gtest/gtest.h>
+#include <json_writer.h>
+
+#include <algorithm>
+#include <string>
 
 namespace trak_test {
 
@@ -26,7 +30,14 @@ void expect_usage_errors(const TrakctlRunner& runner, std::string_view verb,
         report.append("\nTry 'trakctl ").append(verb).append(" --help'.\n");
         const auto result = runner.run(usage.args);
         EXPECT_EQ(result.status, 2) << usage.message;
-        EXPECT_EQ(result.out, "") << usage.message;
+        if (std::find(usage.args.begin(), usage.args.end(), "--json") == usage.args.end()) {
+            EXPECT_EQ(result.out, "") << usage.message;
+        } else {
+            EXPECT_EQ(result.out, "{\"format_version\":1,\"command\":\"" + std::string(verb) +
+                                      "\",\"exit_status\":2,\"errno\":null,\"meaning\":null,"
+                                      "\"message\":" +
+                                      trakctl::json_quote(usage.message) + "}\n");
+        }
         EXPECT_EQ(result.err, report);
     }
 }

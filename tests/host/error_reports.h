@@ -34,7 +34,8 @@ struct UsageCase {
 };
 
 // Expects each command line of `verb` to exit with 2 and report
-// "trakctl: VERB: MESSAGE" and "Try 'trakctl VERB --help'.".
+// "trakctl: VERB: MESSAGE" and "Try 'trakctl VERB --help'.", and to print
+// nothing on stdout, or the failure's JSON object under --json.
 void expect_usage_errors(const TrakctlRunner& runner, std::string_view verb,
                          const std::vector<UsageCase>& cases);
 

@@ -118,7 +118,8 @@ TEST_F(TrakctlAddFilter, PrintsJson) {
 
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out,
-              "{\"minor\":2,\"name\":\"trak2\",\"uuid\":\"{00000000-1111-2222-3333-444444444444}\","
+              "{\"format_version\":1,\"minor\":2,\"name\":\"trak2\",\"uuid\":\"{00000000-1111-2222-"
+              "3333-444444444444}\","
               "\"dev_name\":\"/dev/trak/trak2\",\"disk\":\"/dev/trak2\"}\n");
     EXPECT_EQ(trak_test::parse_json(result.out).at("minor").text, "2");
 }

@@ -165,9 +165,10 @@ TEST_F(TrakctlBitmap, GetAsJson) {
 
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out,
-              "{\"minor\":0,\"kind\":\"incr\",\"extent_size\":65536,\"extent_cnt\":33,"
-              "\"set_cnt\":5,\"ranges\":[[0,3],[17,17]],"
-              "\"byte_ranges\":[[0,262143],[1114112,1179647]]}\n");
+              "{\"format_version\":1,\"minor\":0,\"kind\":\"incr\",\"extent_size\":65536,\"extent_"
+              "cnt\":33,"
+              "\"set_cnt\":5,\"ranges\":[[0,4],[17,1]],"
+              "\"byte_ranges\":[[0,262144],[1114112,65536]]}\n");
     const trak_test::JsonValue json = trak_test::parse_json(result.out);
     EXPECT_EQ(json.at("ranges").items.size(), 2U);
 }

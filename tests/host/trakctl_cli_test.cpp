@@ -64,6 +64,7 @@ TEST_F(TrakctlCli, VerbHelpListsItsOwnOptionsAligned) {
                              "  --name NAME       the node's name (default: trakM)\n"
                              "  --uuid UUID       the node's uuid (default: a new one)\n"
                              "  --json            print JSON instead of text\n"
+                             "  --version         show trakctl's version\n"
                              "  --help            show this help\n"))
         << result.out;
 }

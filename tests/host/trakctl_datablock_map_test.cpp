@@ -109,9 +109,10 @@ TEST_F(TrakctlDatablockMap, PrintsJson) {
     const auto result = runner.run({"datablock-map", "--json", "4", "--extent-size=65536"});
 
     ASSERT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out,
-              "{\"minor\":4,\"extent_size\":65536,\"extent_cnt\":33,\"set_cnt\":5,"
-              "\"ranges\":[[0,3],[17,17]],\"byte_ranges\":[[0,262143],[1114112,1179647]]}\n");
+    EXPECT_EQ(
+        result.out,
+        "{\"format_version\":1,\"minor\":4,\"extent_size\":65536,\"extent_cnt\":33,"
+        "\"set_cnt\":5,\"ranges\":[[0,4],[17,1]],\"byte_ranges\":[[0,262144],[1114112,65536]]}\n");
     EXPECT_EQ(trak_test::parse_json(result.out).at("set_cnt").text, "5");
 }
 

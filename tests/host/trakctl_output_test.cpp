@@ -82,26 +82,14 @@ TEST_F(TrakctlOutput, InfoJsonOfASnapHasTheRecordsSnapKeysInOrder) {
 
     ASSERT_EQ(result.status, 0) << result.err;
     const JsonValue json = parse_json(result.out);
-    EXPECT_EQ(json.keys, (std::vector<std::string>{"minor",
-                                                   "dev_type",
-                                                   "dev_size",
-                                                   "started",
-                                                   "use_cnt",
-                                                   "uuid",
-                                                   "name",
-                                                   "snap_valid",
-                                                   "stop_pending",
-                                                   "del_pending",
-                                                   "chunk_size",
-                                                   "cow_chunks",
-                                                   "cow_bmp_size",
-                                                   "cow_data_size",
-                                                   "cow_bmp_fname",
-                                                   "cow_data_fname",
-                                                   "state",
-                                                   "preserved_chunks",
-                                                   "preserved_bytes",
-                                                   "cow_bmp_error"}));
+    EXPECT_EQ(
+        json.keys,
+        (std::vector<std::string>{
+            "format_version", "minor",          "dev_type",   "dev_size",         "started",
+            "use_cnt",        "uuid",           "name",       "snap_valid",       "stop_pending",
+            "del_pending",    "chunk_size",     "cow_chunks", "cow_bmp_size",     "cow_data_size",
+            "cow_bmp_fname",  "cow_data_fname", "state",      "preserved_chunks", "preserved_bytes",
+            "cow_bmp_error"}));
     EXPECT_EQ(json.at("minor").text, "4");
     EXPECT_EQ(json.at("dev_type").text, "snap");
     EXPECT_EQ(json.at("started").kind, JsonValue::Kind::Bool);
@@ -118,12 +106,12 @@ TEST_F(TrakctlOutput, InfoJsonOfAFilterHasTheRecordsFilterKeys) {
     ASSERT_EQ(result.status, 0) << result.err;
     const JsonValue json = parse_json(result.out);
     EXPECT_EQ(json.keys, (std::vector<std::string>{
-                             "minor",          "dev_type",       "dev_size",       "started",
-                             "use_cnt",        "uuid",           "name",           "hdd_name",
-                             "extent_size",    "extent_cnt",     "snap_minors",    "snap_cnt",
-                             "incr_bmp_size",  "diff_bmp_size",  "incr_bmp_fname", "diff_bmp_fname",
-                             "incr_bmp_clear", "diff_bmp_clear", "incr_bmp_full",  "diff_bmp_full",
-                             "snaps"}));
+                             "format_version", "minor",          "dev_type",       "dev_size",
+                             "started",        "use_cnt",        "uuid",           "name",
+                             "hdd_name",       "extent_size",    "extent_cnt",     "snap_minors",
+                             "snap_cnt",       "incr_bmp_size",  "diff_bmp_size",  "incr_bmp_fname",
+                             "diff_bmp_fname", "incr_bmp_clear", "diff_bmp_clear", "incr_bmp_full",
+                             "diff_bmp_full",  "snaps"}));
     const JsonValue& snaps = json.at("snap_minors");
     ASSERT_EQ(snaps.kind, JsonValue::Kind::Array);
     ASSERT_EQ(snaps.items.size(), 2U);
@@ -146,14 +134,15 @@ TEST_F(TrakctlOutput, ListOfOneTypeAsJson) {
     const auto result = runner.run({"list", "--json", "snap"});
 
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "{\"snap\":[4,6]}\n");
+    EXPECT_EQ(result.out, "{\"format_version\":1,\"snap\":[4,6]}\n");
 }
 
 TEST_F(TrakctlOutput, ListWithoutNodesSaysNone) {
     trak_test::TrakctlRunner empty;
 
     EXPECT_EQ(empty.run({"list", "filter"}).out, "filter nodes: none\n");
-    EXPECT_EQ(empty.run({"list", "filter", "--json"}).out, "{\"filter\":[]}\n");
+    EXPECT_EQ(empty.run({"list", "filter", "--json"}).out,
+              "{\"format_version\":1,\"filter\":[]}\n");
 }
 
 TEST_F(TrakctlOutput, StatusShowsDeviceMajorsDebugAndNodes) {
@@ -180,7 +169,8 @@ TEST_F(TrakctlOutput, StatusJson) {
 
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out,
-              "{\"device\":\"/dev/trakctl\",\"chr_major\":100,\"blk_major\":101,\"debug\":1,"
+              "{\"format_version\":1,\"device\":\"/dev/"
+              "trakctl\",\"chr_major\":100,\"blk_major\":101,\"debug\":1,"
               "\"filter\":[0,3],\"snap\":[4,6],\"snaps\":["
               "{\"minor\":4,\"name\":\"trak4\",\"filter_minor\":0,\"state\":\"stopped\","
               "\"started\":false,\"snap_valid\":true,\"stop_pending\":false,"
@@ -197,7 +187,7 @@ TEST_F(TrakctlOutput, StatusJson) {
 
 TEST_F(TrakctlOutput, DebugShowsTheLevelWithoutOpeningTheDevice) {
     EXPECT_EQ(runner.run({"debug"}).out, "debug level: 1\n");
-    EXPECT_EQ(runner.run({"debug", "--json"}).out, "{\"debug\":1}\n");
+    EXPECT_EQ(runner.run({"debug", "--json"}).out, "{\"format_version\":1,\"debug\":1}\n");
     EXPECT_TRUE(runner.opened().empty());
 }
 

@@ -17,10 +17,12 @@ TrakctlRunner::TrakctlRunner()
                        }
                        return driver_.channel();
                    },
-               .proc_root = proc_.path()} {
+               .proc_root = proc_.path(),
+               .mounts_file = proc_.path() / "mounts"} {
     proc_.write("chr_major", "100\n");
     proc_.write("blk_major", "101\n");
     proc_.write("debug", "1\n");
+    proc_.write("mounts", "proc /proc proc rw 0 0\n");
 }
 
 RunResult TrakctlRunner::run(std::initializer_list<std::string_view> args) const {

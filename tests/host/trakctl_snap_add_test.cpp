@@ -248,7 +248,8 @@ TEST_F(TrakctlSnapAdd, PrintsJson) {
 
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out,
-              "{\"filter_minor\":1,\"snap_minor\":5,\"name\":\"trak5\",\"uuid\":\"{00000000-1111-"
+              "{\"format_version\":1,\"filter_minor\":1,\"snap_minor\":5,\"name\":\"trak5\","
+              "\"uuid\":\"{00000000-1111-"
               "2222-3333-444444444444}\",\"chunk_size\":65536,\"chunk_size_raised\":false,"
               "\"cow_bmp_fname\":\"/c/b\",\"cow_data_fname\":\"/c/d\",\"dev_name\":\"/dev/trak/"
               "trak5\",\"disk\":\"/dev/trak5\"}\n");

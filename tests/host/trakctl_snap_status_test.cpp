@@ -86,8 +86,9 @@ TEST_F(TrakctlSnapStatus, StatusJsonHasAnObjectPerSnap) {
 
     ASSERT_EQ(result.status, 0) << result.err;
     const JsonValue json = parse_json(result.out);
-    EXPECT_EQ(json.keys, (std::vector<std::string>{"device", "chr_major", "blk_major", "debug",
-                                                   "filter", "snap", "snaps"}));
+    EXPECT_EQ(json.keys,
+              (std::vector<std::string>{"format_version", "device", "chr_major", "blk_major",
+                                        "debug", "filter", "snap", "snaps"}));
     const JsonValue& snaps = json.at("snaps");
     ASSERT_EQ(snaps.kind, JsonValue::Kind::Array);
     ASSERT_EQ(snaps.items.size(), 2U);

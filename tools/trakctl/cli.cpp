@@ -6,13 +6,13 @@
 #include <utility>
 #include <vector>
 
+#include "error_output.h"
 #include "verb_table.h"
+#include "version.h"
 
 namespace trakctl {
 
 namespace {
-
-constexpr std::string_view kProgram = "trakctl";
 
 void print_main_help(std::ostream& out) {
     out << "Usage: trakctl [--device PATH] VERB [OPTIONS] [ARGUMENTS]\n"
@@ -33,7 +33,8 @@ void print_main_help(std::ostream& out) {
     out << "\n"
            "Options:\n"
            "  --device PATH  the control device to use\n"
-           "  --help         show this help\n"
+           "  --help, -h     show this help\n"
+           "  --version      show trakctl's version\n"
            "\n"
            "Tracking the changes of a partition, e.g. /dev/sdb1:\n"
            "  trakctl add-filter /dev/sdb1 --extent-size 65536 --bitmap-dir /var/lib/trak\n"
@@ -42,6 +43,8 @@ void print_main_help(std::ostream& out) {
            "  trakctl bitmap get-clear 0 incr\n"
            "\n"
            "Run 'trakctl VERB --help' for the options of a verb.\n"
+           "With --json, every verb that prints writes one JSON object carrying\n"
+           "\"format_version\": 1, and a failure is a JSON object on stdout too.\n"
            "Exit status: 0 success, 1 the driver or the system refused, 2 usage error.\n";
 }
 
@@ -67,6 +70,7 @@ void print_verb_help(const Verb& verb, std::ostream& out) {
     if (verb.prints) {
         lines.emplace_back("--json", "print JSON instead of text");
     }
+    lines.emplace_back("--version", "show trakctl's version");
     lines.emplace_back("--help", "show this help");
     std::size_t width = 0;
     for (const auto& [synopsis, help] : lines) {
@@ -82,6 +86,7 @@ struct CommandLine {
     std::string device_path{trak::kDefaultControlDevice};
     const Verb* verb = nullptr;
     bool help = false;
+    bool version = false;
     OutputFormat format = OutputFormat::Text;
     std::vector<std::string_view> args;
     OptionValues options;
@@ -129,6 +134,12 @@ std::size_t parse_verb_option(std::span<const std::string_view> args, std::size_
 // Reads the verb's options and arguments into `line`.
 void parse_verb_args(std::span<const std::string_view> args, CommandLine& line) {
     const Verb& verb = *line.verb;
+    // Known before anything can go wrong, so that even an error about an
+    // earlier argument is reported as JSON.
+    const auto end = std::find(args.begin(), args.end(), "--");
+    if (verb.prints && std::find(args.begin(), end, "--json") != end) {
+        line.format = OutputFormat::Json;
+    }
     bool options_done = false;
     for (std::size_t next = 0; next < args.size(); ++next) {
         const std::string_view arg = args[next];
@@ -138,13 +149,15 @@ void parse_verb_args(std::span<const std::string_view> args, CommandLine& line) 
             options_done = true;
         } else if (arg == "--help" || arg == "-h") {
             line.help = true;
+        } else if (arg == "--version") {
+            line.version = true;
         } else if (arg == "--json" && verb.prints) {
             line.format = OutputFormat::Json;
         } else {
             next = parse_verb_option(args, next, line);
         }
     }
-    if (line.help) {
+    if (line.help || line.version) {
         return;
     }
     if (line.args.size() < verb.min_args || line.args.size() > verb.max_args) {
@@ -161,6 +174,10 @@ void parse(std::span<const std::string_view> args, CommandLine& line) {
         const std::string_view arg = args[next];
         if (arg == "--help" || arg == "-h") {
             line.help = true;
+            return;
+        }
+        if (arg == "--version") {
+            line.version = true;
             return;
         }
         if (arg == "--device") {
@@ -184,22 +201,14 @@ void parse(std::span<const std::string_view> args, CommandLine& line) {
     parse_verb_args(args.subspan(next + 1), line);
 }
 
-// "info 7": the verb and its arguments, for error messages.
+// "info 7": the verb and its arguments, for error messages about what the
+// driver or the system did.
 std::string command_label(const CommandLine& line) {
     std::string label(line.verb->name);
     for (const std::string_view arg : line.args) {
         label.append(" ").append(arg);
     }
     return label;
-}
-
-void print_usage_error(const CommandLine& line, const UsageError& error, std::ostream& err) {
-    if (line.verb != nullptr) {
-        err << kProgram << ": " << line.verb->name << ": " << error.what() << "\nTry 'trakctl "
-            << line.verb->name << " --help'.\n";
-    } else {
-        err << kProgram << ": " << error.what() << "\nTry 'trakctl --help'.\n";
-    }
 }
 
 }  // namespace
@@ -210,8 +219,12 @@ int run(std::span<const std::string_view> args, const Backend& backend, std::ost
     try {
         parse(args, line);
     } catch (const UsageError& error) {
-        print_usage_error(line, error, err);
-        return kExitUsage;
+        const std::string_view verb = line.verb != nullptr ? line.verb->name : "";
+        return report_failure(verb, verb, error, line.format, out, err);
+    }
+    if (line.version) {
+        out << "trakctl " << kVersion << '\n';
+        return kExitOk;
     }
     if (line.help) {
         if (line.verb != nullptr) {
@@ -225,11 +238,9 @@ int run(std::span<const std::string_view> args, const Backend& backend, std::ost
     try {
         line.verb->run(Invocation{context, line.args, line.options, line.format, out});
     } catch (const UsageError& error) {
-        print_usage_error(line, error, err);
-        return kExitUsage;
+        return report_failure(line.verb->name, line.verb->name, error, line.format, out, err);
     } catch (const std::exception& error) {
-        err << kProgram << ": " << command_label(line) << ": " << error.what() << '\n';
-        return kExitFailure;
+        return report_failure(command_label(line), line.verb->name, error, line.format, out, err);
     }
     return kExitOk;
 }

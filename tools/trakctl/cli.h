@@ -11,7 +11,7 @@ namespace trakctl {
 
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailure = 1;  // the driver or the system refused
-inline constexpr int kExitUsage = 2;
+inline constexpr int kExitUsage = 2;    // the command line is wrong
 
 // Runs one command line (without the program name) and returns the exit
 // status. Results go to `out`; help goes to `out`, errors to `err`.

@@ -18,6 +18,9 @@ namespace trakctl {
 struct Backend {
     std::function<std::unique_ptr<trak::IoctlChannel>(const std::string& device_path)> open_channel;
     std::filesystem::path proc_root;
+    // The mount table (/proc/self/mounts), where apply sees whether a
+    // partition is mounted.
+    std::filesystem::path mounts_file;
 };
 
 // The backend opened for one run; the control device is opened only when a
@@ -29,6 +32,7 @@ class Context {
     const std::string& device_path() const noexcept { return device_path_; }
     trak::Control& control();
     const trak::ProcTree& proc() const noexcept { return proc_; }
+    const std::filesystem::path& mounts_file() const noexcept { return backend_.mounts_file; }
 
   private:
     const Backend& backend_;

@@ -9,12 +9,14 @@ namespace trakctl {
 
 namespace {
 
+// Each range as a half-open [start, count] pair, so that a consumer never
+// has to guess whether the last element is included.
 void write_ranges(JsonWriter& json, const std::vector<ExtentRange>& ranges) {
     json.begin_array();
     for (const ExtentRange& range : ranges) {
         json.begin_array();
         json.value(range.first);
-        json.value(range.last);
+        json.value(range.last - range.first + 1);
         json.end_array();
     }
     json.end_array();
@@ -35,7 +37,7 @@ void print_extents(std::span<const std::uint8_t> bits, const ExtentGeometry& geo
         return;
     }
     JsonWriter json(out);
-    json.begin_object();
+    begin_json_output(json);
     write_json_fields(json, head);
     json.key("extent_size");
     json.value(geometry.extent_size);

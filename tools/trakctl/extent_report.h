@@ -18,10 +18,12 @@ struct ExtentGeometry {
 };
 
 // Text: "extents 0-3,17 of 33 (extent size 65536)" and
-// "bytes 0-262143,1114112-1179647 (5 extents set)".
-// JSON: the fields of `head` (what the bitmap is), then extent_size,
-// extent_cnt, set_cnt, ranges and byte_ranges, each range a [first, last]
-// pair.
+// "bytes 0-262143,1114112-1179647 (5 extents set)", both ends of each range
+// included.
+// JSON: format_version, the fields of `head` (what the bitmap is), then
+// extent_size, extent_cnt, set_cnt, ranges (extents) and byte_ranges
+// (bytes), each range a half-open [offset, length] pair: [[0,4],[17,1]] and
+// [[0,262144],[1114112,65536]].
 void print_extents(std::span<const std::uint8_t> bits, const ExtentGeometry& geometry,
                    const Report& head, OutputFormat format, std::ostream& out);
 

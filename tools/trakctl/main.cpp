@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "partition_probe.h"
 
 int main(int argc, char** argv) {
     const std::span<char*> argv_span(argv, static_cast<std::size_t>(argc));
@@ -16,6 +17,7 @@ int main(int argc, char** argv) {
                 return std::make_unique<trak::DeviceChannel>(device_path);
             },
         .proc_root = std::filesystem::path(trak::kDefaultProcRoot),
+        .mounts_file = std::filesystem::path(trakctl::kDefaultMountsFile),
     };
     return trakctl::run(args, backend, std::cout, std::cerr);
 }

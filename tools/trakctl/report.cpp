@@ -91,13 +91,19 @@ void print_text(const Report& report, std::ostream& out) {
 
 void print_json(const Report& report, std::ostream& out) {
     JsonWriter json(out);
-    json.begin_object();
+    begin_json_output(json);
     write_json_fields(json, report);
     json.end_object();
     out << '\n';
 }
 
 }  // namespace
+
+void begin_json_output(JsonWriter& json) {
+    json.begin_object();
+    json.key("format_version");
+    json.value(kJsonFormatVersion);
+}
 
 void write_json_fields(JsonWriter& json, const Report& report) {
     for (const Field& field : report) {

@@ -11,6 +11,12 @@ namespace trakctl {
 
 class JsonWriter;
 
+// The version of the shape of trakctl's JSON output. Every JSON object
+// trakctl prints carries it as "format_version", its first member; it goes
+// up only when a key is removed or changes its meaning, never when one is
+// added.
+inline constexpr std::int64_t kJsonFormatVersion = 1;
+
 enum class OutputFormat : std::uint8_t { Text, Json };
 
 struct Field;
@@ -38,8 +44,13 @@ struct Field {
 // Text: one "label: value" line per field, values aligned; flags read
 // yes/no, lists are blank-separated ("none" when empty), and each item of a
 // list of items has a "label: summary" line of its own.
-// JSON: one object, the fields' keys in order, and a newline.
+// JSON: one object, "format_version" and then the fields' keys in order,
+// and a newline.
 void print_report(const Report& report, OutputFormat format, std::ostream& out);
+
+// Opens the top-level JSON object of an output and writes its
+// "format_version".
+void begin_json_output(JsonWriter& json);
 
 // Writes the fields as members of the JSON object that `json` is in.
 void write_json_fields(JsonWriter& json, const Report& report);

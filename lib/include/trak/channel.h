@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "trak/file_descriptor.h"
+
 namespace trak {
 
 inline constexpr std::string_view kDefaultControlDevice = "/dev/trakctl";
@@ -38,7 +40,7 @@ class DeviceChannel final : public IoctlChannel {
     int ioctl(unsigned long request, void* arg) override;
 
   private:
-    int fd_;
+    FileDescriptor fd_;
 };
 
 }  // namespace trak

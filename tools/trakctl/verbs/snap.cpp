@@ -4,9 +4,11 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "../action_options.h"
 #include "../args.h"
+#include "../cow_file_names.h"
 #include "../device_files.h"
 #include "../uuid.h"
 #include "verbs.h"
@@ -65,9 +67,7 @@ std::filesystem::path cow_directory(std::string_view dir) {
     return path;
 }
 
-// With --cow-dir, the files are DIR/trak-snap-UUID.cow-bitmap and
-// .cow-data: the uuid makes them the snap's own, and adding the snap again
-// with the same --cow-dir and --uuid finds them again for a resume.
+// With --cow-dir, the files are named after the snap's uuid.
 CowFiles files_in_directory(const OptionValues& options, std::string_view dir) {
     std::string uuid(options.value(kUuid).value_or(""));
     if (uuid.empty()) {
@@ -76,10 +76,8 @@ CowFiles files_in_directory(const OptionValues& options, std::string_view dir) {
         throw UsageError("--cow-dir names the COW files after the uuid, and '" + uuid +
                          "' is not of the form {xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}");
     }
-    const std::filesystem::path base =
-        cow_directory(dir) / ("trak-snap-" + std::string(uuid_digits(uuid)));
-    return {
-        .bitmap = base.string() + ".cow-bitmap", .data = base.string() + ".cow-data", .uuid = uuid};
+    CowFileNames names = cow_files_in(cow_directory(dir), uuid);
+    return {.bitmap = std::move(names.bitmap), .data = std::move(names.data), .uuid = uuid};
 }
 
 CowFiles cow_files(const OptionValues& options) {

@@ -17,5 +17,7 @@ const Verb& del_verb();
 const Verb& bitmap_verb();
 const Verb& snap_verb();
 const Verb& datablock_map_verb();
+const Verb& apply_verb();
+const Verb& save_state_verb();
 
 }  // namespace trakctl
