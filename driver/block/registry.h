@@ -34,7 +34,7 @@ struct trak_filter {
 	int diff_bmp_dirty;
 	int cowqueue_len;		/* requests held for copy-on-write */
 	struct oxrwlock io_lock;	/* read-held while a request is routed */
-	int io_cnt;			/* requests routed under io_lock */
+	atomic_t io_cnt;		/* requests routed under io_lock */
 };
 
 /* A snap node: a read-only point-in-time image of a filter node. */

@@ -4,6 +4,7 @@
  * through a filter node sets the bits of the extents it touches in both
  * change bitmaps before it is passed on to the partition below.
  */
+#include <linux/atomic.h>
 #include <linux/bio.h>
 #include <linux/blkdev.h>
 #include <linux/bitops.h>
@@ -55,7 +56,7 @@ static void trak_route_filter(struct trak_blkdev *dev, struct bio *bio)
 	unsigned int sectors = bio_sectors(bio);
 
 	oxread_lock(&f->io_lock);
-	f->io_cnt++;
+	atomic_inc(&f->io_cnt);
 
 	if (op_is_write(bio_op(bio)) && sectors)
 		trak_mark_extents(dev, bio->bi_iter.bi_sector, sectors);
