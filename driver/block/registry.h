@@ -6,6 +6,7 @@
 #include <linux/types.h>
 
 #include "core/oxlock.h"
+#include "filter/guard.h"
 #include "trak_ioctl.h"
 
 struct block_device;
@@ -32,6 +33,7 @@ struct trak_filter {
 	char diff_bmp_fname[TRAK_PATH_LEN];
 	int incr_bmp_dirty;
 	int diff_bmp_dirty;
+	struct trak_guard guard;	/* writes held until their files are marked */
 	int cowqueue_len;		/* requests held for copy-on-write */
 	struct oxrwlock io_lock;	/* read-held while a request is routed */
 	atomic_t io_cnt;		/* requests routed under io_lock */

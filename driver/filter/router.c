@@ -2,68 +2,57 @@
 /*
  * Request routing: every bio addressed to a trak node enters here.  A write
  * through a filter node sets the bits of the extents it touches in both
- * change bitmaps before it is passed on to the partition below.
+ * change bitmaps before it is passed on to the partition below, and waits
+ * first when a bitmap file must be marked dirty (guard.c).
  */
 #include <linux/atomic.h>
 #include <linux/bio.h>
 #include <linux/blkdev.h>
-#include <linux/bitops.h>
 
-#include "bitmap.h"
 #include "block/registry.h"
 #include "core/log.h"
 #include "core/params.h"
-#include "kdirtyd.h"
+#include "guard.h"
 #include "router.h"
 
 /*
- * Sets the bits of extents first..last; true when one of them was clear
- * and the bitmap's dirty flag was raised by this call.  Bits that are set
- * already are only read, so that the steady state costs no atomics.
+ * Every request a filter sends on to the partition leaves through here,
+ * with the filter's io_lock held for reading.
  */
-static bool trak_mark_bitmap(unsigned long *bmp, int *dirty,
-			     unsigned long first, unsigned long last)
+static void trak_filter_pass(struct trak_blkdev *dev, struct bio *bio)
 {
-	bool changed = false;
-	unsigned long e;
-
-	for (e = first; e <= last; e++) {
-		if (!test_bit(e, bmp) && !test_and_set_bit(e, bmp))
-			changed = true;
-	}
-	return changed && !READ_ONCE(*dirty) && !cmpxchg(dirty, 0, 1);
-}
-
-static void trak_mark_extents(struct trak_blkdev *dev, sector_t sector,
-			      unsigned int sectors)
-{
-	struct trak_filter *f = &dev->filter;
-	unsigned int shift = f->extent_shift - SECTOR_SHIFT;
-	unsigned long first = sector >> shift;
-	unsigned long last = (sector + sectors - 1) >> shift;
-
-	if (f->incr_bmp &&
-	    trak_mark_bitmap(f->incr_bmp, &f->incr_bmp_dirty, first, last))
-		trak_sched_write_dirty_flag(dev, TRAK_BMP_INCR);
-	if (f->diff_bmp &&
-	    trak_mark_bitmap(f->diff_bmp, &f->diff_bmp_dirty, first, last))
-		trak_sched_write_dirty_flag(dev, TRAK_BMP_DIFF);
+	bio_set_dev(bio, dev->filter.hdd_bdev);
+	submit_bio_noacct(bio);
 }
 
 static void trak_route_filter(struct trak_blkdev *dev, struct bio *bio)
 {
 	struct trak_filter *f = &dev->filter;
-	unsigned int sectors = bio_sectors(bio);
 
 	oxread_lock(&f->io_lock);
 	atomic_inc(&f->io_cnt);
+	if (!op_is_write(bio_op(bio)) || !trak_guard_write(dev, bio))
+		trak_filter_pass(dev, bio);
+	oxread_unlock(&f->io_lock);
+}
 
-	if (op_is_write(bio_op(bio)) && sectors)
-		trak_mark_extents(dev, bio->bi_iter.bi_sector, sectors);
+/*
+ * Sends on the writes that waited for their dirty marks.  Each counts as a
+ * request routed under io_lock, like a new one: a snapshot's start waits
+ * for a moment without any.
+ */
+void trak_filter_release(struct trak_blkdev *dev, struct bio_list *bios)
+{
+	struct trak_filter *f = &dev->filter;
+	struct bio *bio;
 
-	bio_set_dev(bio, f->hdd_bdev);
-	submit_bio_noacct(bio);
-
+	if (bio_list_empty(bios))
+		return;
+	oxread_lock(&f->io_lock);
+	while ((bio = bio_list_pop(bios))) {
+		atomic_inc(&f->io_cnt);
+		trak_filter_pass(dev, bio);
+	}
 	oxread_unlock(&f->io_lock);
 }
 
