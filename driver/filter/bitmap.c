@@ -214,26 +214,25 @@ static void trak_bmp_flag_head(u8 head[TRAK_BMP_MAGIC_LEN + 1], int flag)
 }
 
 /*
- * Writes the whole file, but with the dirty byte set: it becomes clean
- * only when the save writes the flag last (trak_block_write_dirty_flag()).
+ * Writes the whole file, header and bitmap in @image, in one synced write
+ * and with the dirty byte set: it becomes clean only when the save writes
+ * the flag last (trak_block_write_dirty_flag()).
  */
-static int trak_bmp_write_file(struct trak_bmp_ref *b, const u8 *copy)
+static int trak_bmp_write_file(struct trak_bmp_ref *b, u8 *image)
 {
-	u8 header[TRAK_BMP_HEADER_LEN];
+	const u8 *bits = image + TRAK_BMP_HEADER_LEN;
 	struct trak_file *file;
 	int rc;
 
-	trak_bmp_flag_head(header, 1);
-	put_unaligned_le32(b->size, header + 8);
-	put_unaligned_le32(trak_bmp_checksum(copy, b->size), header + 12);
+	trak_bmp_flag_head(image, 1);
+	put_unaligned_le32(b->size, image + 8);
+	put_unaligned_le32(trak_bmp_checksum(bits, b->size), image + 12);
 
 	file = trak_fopen(b->fname, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC |
 			  O_LARGEFILE, 0600);
 	if (!file)
 		return -EIO;
-	rc = trak_fwrite(file, 0, header, sizeof(header));
-	if (rc >= 0)
-		rc = trak_fwrite(file, sizeof(header), copy, b->size);
+	rc = trak_fwrite(file, 0, image, TRAK_BMP_HEADER_LEN + b->size);
 	trak_fclose(file);
 	return rc < 0 ? rc : 0;
 }
@@ -250,13 +249,13 @@ static int trak_do_save_bmp(struct trak_blkdev *dev, unsigned int kind,
 {
 	struct trak_bmp_ref b = trak_bmp_of(dev, kind);
 	struct trak_filter *f = &dev->filter;
-	u8 *copy;
+	u8 *image;
 	int rc;
 
 	trak_log(2, "%s(): Saving %s bitmap of trak(%d, %d)", "trak_block_save_bmp",
 		 b.kind_name, trak_blk_major, dev->minor);
-	copy = vmalloc(b.size);
-	if (!copy) {
+	image = vmalloc(TRAK_BMP_HEADER_LEN + b.size);
+	if (!image) {
 		trak_log(TRAK_LOG_ERR, "%s(): Failed to allocate %d bytes.",
 			 "trak_block_save_bmp", b.size);
 		return -ENOMEM;
@@ -278,10 +277,10 @@ static int trak_do_save_bmp(struct trak_blkdev *dev, unsigned int kind,
 	 */
 	oxwrite_lock(&f->io_lock);
 	WRITE_ONCE(*b.dirty, 0);
-	memcpy(copy, b.bits, b.size);
+	memcpy(image + TRAK_BMP_HEADER_LEN, b.bits, b.size);
 	oxwrite_unlock(&f->io_lock);
 
-	rc = trak_bmp_write_file(&b, copy);
+	rc = trak_bmp_write_file(&b, image);
 	if (rc)
 		goto failed;
 	if (!trak_guard_begin_clean(dev, kind)) {
@@ -298,7 +297,7 @@ failed:
 	WRITE_ONCE(*b.dirty, 1);
 out:
 	oxmutex_unlock(&f->bmp_lock);
-	vfree(copy);
+	vfree(image);
 	return rc;
 }
 
