@@ -4,12 +4,13 @@
 // turn, --repeats times; the table shows the medians and their ratios to the
 // raw device.
 //
-// A second table shows the cost of the held first write: the first write
+// Two more tables show the cost of the held first write: the first write
 // after a save that left a bitmap file clean waits until the file is marked
 // dirty on disk. Each workload runs again for a few seconds right after the
 // trak node's bitmaps were cleared (which saves both files clean), and the
 // first second's figure is set against the seconds after it; the other
-// targets show what the first second costs without tracking.
+// targets show what the first second costs without tracking. And single
+// 4 KiB writes are timed: the first after the clear, then the next one.
 //
 // Needs root, fio, dmsetup, mkfs.ext4, the null_blk module and a disk for
 // the bitmap files: it is meant for the test VM (bench/cbt/run.sh), where
@@ -29,6 +30,7 @@
 #include <vector>
 
 #include "fio.h"
+#include "first_write.h"
 #include "table.h"
 #include "testbed.h"
 
@@ -149,6 +151,33 @@ cbt::StartRow measure_start(const cbt::Workload& workload, const cbt::Testbed& t
     return row;
 }
 
+// Every target's median latency of the first write after the trak node's
+// bitmaps were cleared, and of the write after it, into `first` and `next`.
+void measure_first_writes(const cbt::Testbed& testbed, const Options& options,
+                          std::vector<double>& first, std::vector<double>& next) {
+    constexpr std::uint32_t kRounds = 15;
+    constexpr std::uint64_t kStride = std::uint64_t{1} << 20U;
+    const std::vector<cbt::Target>& targets = testbed.targets();
+    std::vector<std::vector<double>> firsts(targets.size());
+    std::vector<std::vector<double>> nexts(targets.size());
+    const std::uint64_t slots = (std::uint64_t{options.span_mib} << 20U) / kStride;
+    for (std::uint32_t round = 0; round < kRounds; ++round) {
+        for (std::size_t i = 0; i < targets.size(); ++i) {
+            if (targets[i].tracked) {
+                testbed.clear_bitmaps();
+            }
+            const std::uint64_t at = (2 * std::uint64_t{round} % slots) * kStride;
+            const cbt::WritePair pair = cbt::time_write_pair(targets[i].device, at, at + kStride);
+            firsts[i].push_back(pair.first_ms);
+            nexts[i].push_back(pair.next_ms);
+        }
+    }
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        first.push_back(cbt::median(firsts[i]));
+        next.push_back(cbt::median(nexts[i]));
+    }
+}
+
 void run(const Options& options) {
     const cbt::FioSettings settings{.runtime_s = options.runtime_s,
                                     .span_bytes = std::uint64_t{options.span_mib} << 20U};
@@ -181,6 +210,13 @@ void run(const Options& options) {
               << " the seconds after it (medians of " << options.repeats << " runs of "
               << kStartRuntimeSeconds << " s):\n";
     cbt::print_start_table(std::cout, names, starts);
+
+    std::vector<double> first_ms;
+    std::vector<double> next_ms;
+    measure_first_writes(testbed, options, first_ms, next_ms);
+    std::cout << "\nOne 4 KiB write right after the trak node's bitmap files were saved clean,"
+              << " then the next one (medians of 15):\n";
+    cbt::print_latency_table(std::cout, names, first_ms, next_ms);
 }
 
 }  // namespace

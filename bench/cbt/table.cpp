@@ -76,4 +76,20 @@ void print_start_table(std::ostream& out, const std::vector<std::string>& target
     }
 }
 
+void print_latency_table(std::ostream& out, const std::vector<std::string>& targets,
+                         const std::vector<double>& first_ms, const std::vector<double>& next_ms) {
+    out << std::left << std::setw(kWorkloadWidth) << "target" << std::right
+        << std::setw(kFigureWidth) << "first write" << std::setw(kFigureWidth) << "next write"
+        << '\n';
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        std::ostringstream first;
+        std::ostringstream next;
+        first << std::fixed << std::setprecision(2) << first_ms[i] << " ms";
+        next << std::fixed << std::setprecision(2) << next_ms[i] << " ms";
+        out << std::left << std::setw(kWorkloadWidth) << targets[i] << std::right
+            << std::setw(kFigureWidth) << first.str() << std::setw(kFigureWidth) << next.str()
+            << '\n';
+    }
+}
+
 }  // namespace cbt

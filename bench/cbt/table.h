@@ -36,4 +36,8 @@ struct StartRow {
 void print_start_table(std::ostream& out, const std::vector<std::string>& targets,
                        const std::vector<StartRow>& rows);
 
+// One line per target: the latency of the first write and of the next one.
+void print_latency_table(std::ostream& out, const std::vector<std::string>& targets,
+                         const std::vector<double>& first_ms, const std::vector<double>& next_ms);
+
 }  // namespace cbt
