@@ -38,6 +38,15 @@ trakctl() {
 	"$TRAKCTL" "$@"
 }
 
+# insmod, unlike modprobe, does not load what the driver needs from the
+# kernel (crc32c, crc16): load that first.
+load_driver() {
+	local depends
+	IFS=, read -ra depends <<<"$(modinfo -F depends driver/trak.ko)"
+	[ ${#depends[@]} -eq 0 ] || run modprobe -a "${depends[@]}"
+	run insmod driver/trak.ko
+}
+
 # The first line of `trakctl bitmap get 0 incr`: "extents RANGES of N (...)".
 extents_line() {
 	trakctl bitmap get 0 incr | head -n 1
@@ -68,7 +77,7 @@ run mkdir -p "$BMP_DIR" "$DATA"
 run mount "$BMP_DISK" "$BMP_DIR"
 
 step "Load the driver"
-run insmod driver/trak.ko
+load_driver
 run trakctl status
 
 step "Put a filter node over $HDD, with one bit per $EXTENT_SIZE bytes"
@@ -131,7 +140,7 @@ header=$(od -A n -t x1 -N 12 "$BMP_DIR/trak0.incr" | tr -s ' \n' ' ')
 
 step "Unload the driver with the node in place, load it again and add the node again"
 run rmmod trak
-run insmod driver/trak.ko
+load_driver
 run trakctl add-filter "$HDD" --extent-size "$EXTENT_SIZE" --bitmap-dir "$BMP_DIR"
 run trakctl bitmap get 0 incr
 reloaded=$(extents_line)

@@ -10,6 +10,7 @@
 #include "filter/router.h"
 #include "lifecycle.h"
 #include "registry.h"
+#include "util/devnode.h"
 
 static const struct block_device_operations trak_block_fops = {
 	.owner		= THIS_MODULE,
@@ -67,4 +68,15 @@ void trak_disk_destroy(struct trak_blkdev *dev)
 	del_gendisk(dev->disk);
 	put_disk(dev->disk);
 	dev->disk = NULL;
+}
+
+/* Makes "/dev/trak/<name>"; the node works without it, so errors are only logged. */
+void trak_disk_make_dev_file(struct trak_blkdev *dev)
+{
+	char path[TRAK_NAME_LEN];
+
+	snprintf(path, sizeof(path), TRAK_DEV_DIR "/%s", dev->name);
+	trak_unlink(path);
+	if (!trak_mknod(path, 1, trak_blk_major, dev->minor))
+		strscpy(dev->dev_name, path, sizeof(dev->dev_name));
 }

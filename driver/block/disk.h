@@ -10,5 +10,6 @@ struct trak_blkdev;
 int trak_disk_create(struct trak_blkdev *dev, struct block_device *hdd,
 		     u64 size);
 void trak_disk_destroy(struct trak_blkdev *dev);
+void trak_disk_make_dev_file(struct trak_blkdev *dev);
 
 #endif

@@ -153,17 +153,6 @@ static void trak_free_filter(struct trak_blkdev *dev)
 	kfree(dev);
 }
 
-/* Makes "/dev/trak/<name>"; the node works without it, so errors are only logged. */
-static void trak_make_dev_file(struct trak_blkdev *dev)
-{
-	char path[TRAK_NAME_LEN];
-
-	snprintf(path, sizeof(path), TRAK_DEV_DIR "/%s", dev->name);
-	trak_unlink(path);
-	if (!trak_mknod(path, 1, trak_blk_major, dev->minor))
-		strscpy(dev->dev_name, path, sizeof(dev->dev_name));
-}
-
 int trak_ioctl_add_filter_node(struct trak_add_filter_args *rec)
 {
 	struct block_device *probe, *hdd = NULL;
@@ -230,7 +219,7 @@ int trak_ioctl_add_filter_node(struct trak_add_filter_args *rec)
 	probe = NULL;
 
 	oxwrite_lock(&trak_blkdev_rwlock);
-	rc = trak_blkdev_choose_minor(&rec->minor);
+	rc = trak_blkdev_choose_minor(&rec->minor, __func__);
 	if (rc)
 		goto out_unlock;
 	snprintf(disk_name, sizeof(disk_name), "trak%d", rec->minor);
@@ -248,17 +237,30 @@ int trak_ioctl_add_filter_node(struct trak_add_filter_args *rec)
 	trak_block_load_bmp(dev, TRAK_BMP_INCR);
 	trak_block_load_bmp(dev, TRAK_BMP_DIFF);
 
+	rc = trak_cowqueue_init(&dev->filter.cowqueue);
+	if (rc)
+		goto out_slot;
+	trak_cowthread_init(&dev->filter.cowthread);
+	if (trak_aio_init(&dev->filter.aio)) {
+		rc = -EIO;
+		goto out_queue;
+	}
+
 	trak_log(3, "%s(): dev_size=%lld, extent_size=%d, block_size=%d, bmp_size=%d",
 		 __func__, dev->filter.dev_size, dev->filter.extent_size,
 		 bdev_logical_block_size(hdd), dev->filter.incr_bmp_size);
 	rc = trak_disk_create(dev, hdd, dev->filter.dev_size);
 	if (rc)
-		goto out_slot;
+		goto out_aio;
 	trak_proc_add_device(dev);
-	trak_make_dev_file(dev);
+	trak_disk_make_dev_file(dev);
 	oxwrite_unlock(&trak_blkdev_rwlock);
 	return 0;
 
+out_aio:
+	trak_aio_destroy(&dev->filter.aio);
+out_queue:
+	trak_cowqueue_destroy(&dev->filter.cowqueue);
 out_slot:
 	trak_blkdev_arr[rec->minor] = NULL;
 out_unlock:

@@ -11,13 +11,15 @@
 #include "filter/bitmap.h"
 #include "lifecycle.h"
 #include "registry.h"
+#include "snap/snap_lifecycle.h"
 
 int trak_block_start_device(struct trak_blkdev *dev)
 {
-	int rc = 0;
-
 	trak_log(1, "%s(): Starting trak(%d, %d)", __func__, trak_blk_major,
 		 dev->minor);
+	if (dev->dev_type == TRAK_DEV_SNAP)
+		return trak_snap_start(dev);
+
 	oxmutex_lock(&dev->lock);
 	if (dev->started) {
 		oxmutex_unlock(&dev->lock);
@@ -30,7 +32,20 @@ int trak_block_start_device(struct trak_blkdev *dev)
 	trak_log(3, "%s(): trak(%d, %d) has been started successfully",
 		 __func__, trak_blk_major, dev->minor);
 	oxmutex_unlock(&dev->lock);
-	return rc;
+	return 0;
+}
+
+/* Snaps stop first: the COW thread they need goes with the filter. */
+static int trak_filter_stop(struct trak_blkdev *dev)
+{
+	int rc;
+
+	rc = trak_filter_stop_snaps(dev);
+	if (rc)
+		return rc;
+	trak_cowthread_shutdown(&dev->filter.cowthread);
+	trak_block_save_dirty_bmps(dev);
+	return 0;
 }
 
 int trak_block_stop_device(struct trak_blkdev *dev)
@@ -39,6 +54,9 @@ int trak_block_stop_device(struct trak_blkdev *dev)
 
 	trak_log(2, "%s(): Stopping trak(%d, %d)", __func__, trak_blk_major,
 		 dev->minor);
+	if (dev->dev_type == TRAK_DEV_SNAP)
+		return trak_snap_stop(dev);
+
 	oxmutex_lock(&dev->lock);
 	if (!dev->started)
 		goto out;
@@ -49,7 +67,9 @@ int trak_block_stop_device(struct trak_blkdev *dev)
 		goto out;
 	}
 	if (dev->dev_type == TRAK_DEV_FILTER)
-		trak_block_save_dirty_bmps(dev);
+		rc = trak_filter_stop(dev);
+	if (rc)
+		goto out;
 	WRITE_ONCE(dev->started, 0);
 	trak_log(3, "%s(): trak(%d, %d) has been stopped successfully",
 		 __func__, trak_blk_major, dev->minor);
@@ -94,22 +114,32 @@ int trak_ioctl_stop_node(struct trak_minor_args *rec)
 				  trak_block_stop_device);
 }
 
+/*
+ * Open and release run under the disk's open mutex, which a node's removal
+ * takes too (del_gendisk) while it holds the registry: they reach the
+ * record through the disk, which it outlives, not through the registry.
+ */
+static struct trak_blkdev *trak_block_dev_of(struct gendisk *disk,
+					     const char *func)
+{
+	struct trak_blkdev *dev = disk->private_data;
+
+	if (!dev)
+		trak_log(TRAK_LOG_ERR, "%s(): Unable to find trak(%d, %d)",
+			 func, trak_blk_major, disk->first_minor);
+	return dev;
+}
+
 int trak_block_open(struct block_device *bdev, fmode_t mode)
 {
-	int minor = bdev->bd_disk->first_minor;
 	struct trak_blkdev *dev;
 	int rc = 0;
 
 	trak_log(2, "%s(): Opening trak(%d, %d)", __func__, trak_blk_major,
-		 minor);
-	oxread_lock(&trak_blkdev_rwlock);
-	dev = trak_blkdev_find(minor);
-	if (!dev) {
-		trak_log(TRAK_LOG_ERR, "%s(): Unable to find trak(%d, %d)",
-			 __func__, trak_blk_major, minor);
-		rc = -EINVAL;
-		goto out;
-	}
+		 bdev->bd_disk->first_minor);
+	dev = trak_block_dev_of(bdev->bd_disk, __func__);
+	if (!dev)
+		return -EINVAL;
 
 	oxmutex_lock(&dev->lock);
 	if (dev->started) {
@@ -118,30 +148,23 @@ int trak_block_open(struct block_device *bdev, fmode_t mode)
 		trak_log(3, "%s(): bdev=%p", __func__, bdev);
 	} else {
 		trak_log(TRAK_LOG_ERR, "%s(): trak(%d, %d) hasn't been started yet.",
-			 __func__, trak_blk_major, minor);
+			 __func__, trak_blk_major, dev->minor);
 		rc = -EIO;
 	}
 	oxmutex_unlock(&dev->lock);
-out:
-	oxread_unlock(&trak_blkdev_rwlock);
 	return rc;
 }
 
 /* The change bitmaps reach their files at every close of a filter. */
 void trak_block_release(struct gendisk *disk, fmode_t mode)
 {
-	int minor = disk->first_minor;
 	struct trak_blkdev *dev;
 
 	trak_log(2, "%s(): Releasing trak(%d, %d)", __func__, trak_blk_major,
-		 minor);
-	oxread_lock(&trak_blkdev_rwlock);
-	dev = trak_blkdev_find(minor);
-	if (!dev) {
-		trak_log(TRAK_LOG_ERR, "%s(): Unable to find trak(%d, %d)",
-			 __func__, trak_blk_major, minor);
-		goto out;
-	}
+		 disk->first_minor);
+	dev = trak_block_dev_of(disk, __func__);
+	if (!dev)
+		return;
 
 	oxmutex_lock(&dev->lock);
 	if (dev->dev_type == TRAK_DEV_FILTER)
@@ -149,6 +172,4 @@ void trak_block_release(struct gendisk *disk, fmode_t mode)
 	if (--dev->use_cnt == 0)
 		dev->bdev = NULL;
 	oxmutex_unlock(&dev->lock);
-out:
-	oxread_unlock(&trak_blkdev_rwlock);
 }

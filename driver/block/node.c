@@ -15,6 +15,7 @@
 #include "lifecycle.h"
 #include "node.h"
 #include "registry.h"
+#include "snap/snap_node.h"
 #include "util/bdev.h"
 #include "util/devnode.h"
 
@@ -27,49 +28,88 @@
  */
 #define TRAK_DIRTY_WAIT_SECONDS	10
 
-/* Called with trak_blkdev_rwlock held for writing. */
-int trak_block_destroy_device(struct trak_blkdev *dev, int unlink_files)
+/* The device file, the /proc directory and the disk of a node go. */
+void trak_node_take_down(struct trak_blkdev *dev)
 {
-	int minor;
-
-	if (!dev) {
-		trak_log(TRAK_LOG_ERR, "%s(): Internal error: dev==NULL",
-			 __func__);
-		return -EINVAL;
-	}
-	minor = dev->minor;
-	trak_log(1, "%s(): Destroying trak(%d, %d)", __func__, trak_blk_major,
-		 minor);
-	if (dev->use_cnt) {
-		trak_log(TRAK_LOG_ERR, "%s(): trak(%d, %d)is still being used.",
-			 __func__, trak_blk_major, minor);
-		return -EBUSY;
-	}
-	if (dev->started) {
-		trak_log(TRAK_LOG_ERR,
-			 "%s(): Can't destroy started trak(%d, %d). Stop it first!",
-			 __func__, trak_blk_major, minor);
-		return -EBUSY;
-	}
-
-	if (dev->dev_type == TRAK_DEV_FILTER)
-		trak_yield_to_dirty_requests(dev, TRAK_DIRTY_WAIT_SECONDS);
 	if (dev->dev_name[0])
 		trak_unlink(dev->dev_name);
 	trak_proc_del_device(dev);
-	trak_disk_destroy(dev);
 	if (dev->dev_type == TRAK_DEV_FILTER) {
 		vfree(dev->filter.incr_bmp);
 		vfree(dev->filter.diff_bmp);
 		trak_close_bdev(dev->filter.hdd_bdev,
 				FMODE_READ | FMODE_WRITE | FMODE_EXCL);
 	}
+	trak_disk_destroy(dev);
+}
+
+/* Frees a node taken down, and its slot.  With the registry write-locked. */
+void trak_node_free(struct trak_blkdev *dev)
+{
+	int minor = dev->minor;
 
 	trak_blkdev_arr[minor] = NULL;
 	kfree(dev);
 	trak_log(3, "%s(): trak(%d, %d) has been destroyed successfully",
-		 __func__, trak_blk_major, minor);
+		 "trak_block_destroy_device", trak_blk_major, minor);
+}
+
+/* A filter goes with its snaps, first of all. */
+static int trak_filter_destroy(struct trak_blkdev *dev, int unlink_files)
+{
+	struct trak_filter *f = &dev->filter;
+	struct trak_blkdev *snap;
+	int rc;
+
+	while ((snap = list_first_entry_or_null(&f->snaps, struct trak_blkdev,
+						snap.snap_link))) {
+		trak_log(3, "%s(): Deleting associated snap trak(%d, %d)",
+			 "trak_block_destroy_device", trak_blk_major,
+			 snap->minor);
+		rc = trak_block_destroy_device(snap, unlink_files);
+		if (rc)
+			return rc;
+	}
+	trak_cowqueue_destroy(&f->cowqueue);
+	trak_aio_destroy(&f->aio);
+	trak_yield_to_dirty_requests(dev, TRAK_DIRTY_WAIT_SECONDS);
+	trak_node_take_down(dev);
+	trak_node_free(dev);
 	return 0;
+}
+
+/* Called with trak_blkdev_rwlock held for writing. */
+int trak_block_destroy_device(struct trak_blkdev *dev, int unlink_files)
+{
+	if (!dev) {
+		trak_log(TRAK_LOG_ERR, "%s(): Internal error: dev==NULL",
+			 __func__);
+		return -EINVAL;
+	}
+	trak_log(1, "%s(): Destroying trak(%d, %d)", __func__, trak_blk_major,
+		 dev->minor);
+	if (dev->use_cnt) {
+		trak_log(TRAK_LOG_ERR, "%s(): trak(%d, %d)is still being used.",
+			 __func__, trak_blk_major, dev->minor);
+		return -EBUSY;
+	}
+	if (dev->started && dev->dev_type == TRAK_DEV_SNAP &&
+	    dev->snap.stop_pending) {
+		dev->snap.del_pending = 1;
+		trak_log(1, "%s(): STOP is pending for trak(%d, %d). Postponing delete as well.",
+			 __func__, trak_blk_major, dev->minor);
+		return 0;
+	}
+	if (dev->started) {
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): Can't destroy started trak(%d, %d). Stop it first!",
+			 __func__, trak_blk_major, dev->minor);
+		return -EBUSY;
+	}
+
+	if (dev->dev_type == TRAK_DEV_SNAP)
+		return trak_snap_destroy(dev, unlink_files);
+	return trak_filter_destroy(dev, unlink_files);
 }
 
 int trak_ioctl_del_node(struct trak_minor_args *rec)

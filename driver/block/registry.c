@@ -53,16 +53,16 @@ struct trak_blkdev *trak_blkdev_find(int minor)
 
 /*
  * Resolves the minor a new node asked for: a negative request takes the
- * lowest free slot and is replaced by it.  Called with trak_blkdev_rwlock
- * held for writing.
+ * lowest free slot and is replaced by it.  Refusals are logged under
+ * @func, the command's.  Called with trak_blkdev_rwlock held for writing.
  */
-int trak_blkdev_choose_minor(int *minor)
+int trak_blkdev_choose_minor(int *minor, const char *func)
 {
 	int i;
 
 	if (*minor > trak_max_blk_minor) {
 		trak_log(TRAK_LOG_ERR, "%s(): Minor number %d is too big: max=%d",
-			 __func__, *minor, trak_max_blk_minor);
+			 func, *minor, trak_max_blk_minor);
 		return -EINVAL;
 	}
 
@@ -75,14 +75,14 @@ int trak_blkdev_choose_minor(int *minor)
 		}
 		trak_log(TRAK_LOG_ERR,
 			 "%s(): All %d of TRAK minor nodes have already been used up.",
-			 __func__, trak_max_blk_minor + 1);
+			 func, trak_max_blk_minor + 1);
 		return -ENOSPC;
 	}
 
 	if (*trak_blkdev_slot(*minor)) {
 		trak_log(TRAK_LOG_ERR,
 			 "%s(): Device minor number %d is already taken",
-			 __func__, *minor);
+			 func, *minor);
 		return -EINVAL;
 	}
 	return 0;

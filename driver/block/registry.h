@@ -2,11 +2,17 @@
 #ifndef TRAK_BLOCK_REGISTRY_H
 #define TRAK_BLOCK_REGISTRY_H
 
+#include <linux/atomic.h>
 #include <linux/list.h>
 #include <linux/types.h>
 
 #include "core/oxlock.h"
 #include "filter/guard.h"
+#include "fsmap/blkbmp.h"
+#include "snap/aio.h"
+#include "snap/cow_store.h"
+#include "snap/cowqueue.h"
+#include "snap/cowthread.h"
 #include "trak_ioctl.h"
 
 struct block_device;
@@ -34,9 +40,15 @@ struct trak_filter {
 	int incr_bmp_dirty;
 	int diff_bmp_dirty;
 	struct trak_guard guard;	/* writes held until their files are marked */
-	int cowqueue_len;		/* requests held for copy-on-write */
-	struct oxrwlock io_lock;	/* read-held while a request is routed */
+	struct trak_cowthread cowthread;	/* kcowd, while snaps need it */
+	struct trak_cowqueue cowqueue;	/* requests held for copy-on-write */
+	/*
+	 * Read-held while a request is routed; write-held to change what
+	 * routing looks at: the snaps list, a snap's started flag.
+	 */
+	struct oxrwlock io_lock;
 	atomic_t io_cnt;		/* requests routed under io_lock */
+	struct trak_aio aio;		/* clones in flight to the partition */
 };
 
 /* A snap node: a read-only point-in-time image of a filter node. */
@@ -50,9 +62,11 @@ struct trak_snap {
 	struct trak_blkdev *filter;
 	char cow_data_fname[TRAK_PATH_LEN];
 	char cow_bmp_fname[TRAK_PATH_LEN];
+	struct trak_cow_store store;	/* open from start to stop */
+	struct trak_blkbmp datablock_bmp;	/* which chunks hold file data */
 	u64 cow_data_size;
 	u32 cow_bmp_size;
-	int snap_valid;
+	int snap_valid;			/* 0 once copying failed: never again 1 */
 	int stop_pending;
 	int del_pending;
 };
@@ -86,7 +100,7 @@ extern struct oxrwlock trak_blkdev_rwlock;
 int trak_registry_create(void);
 void trak_registry_destroy(void);
 struct trak_blkdev *trak_blkdev_find(int minor);
-int trak_blkdev_choose_minor(int *minor);
+int trak_blkdev_choose_minor(int *minor, const char *func);
 void trak_uuid_generate(char *uuid);
 
 #endif

@@ -21,6 +21,7 @@
 #include "core/log.h"
 #include "core/params.h"
 #include "ioctl.h"
+#include "snap/snap_node.h"
 
 struct trak_command {
 	unsigned int code;
@@ -69,6 +70,12 @@ static int trak_command_run(const struct trak_command *c,
 	switch (c->code) {
 	case TRAK_ADD_FILTER_NODE:
 		return trak_ioctl_add_filter_node(rec);
+	case TRAK_ADD_SNAP_NODE:
+		return trak_ioctl_add_snap_node(rec);
+	case TRAK_RESUME_SNAP:
+		return trak_ioctl_resume_snap(rec);
+	case TRAK_GET_DATABLOCK_BMP:
+		return trak_ioctl_get_datablock_bmp(dev, rec);
 	case TRAK_DEL_NODE:
 		return trak_ioctl_del_node(rec);
 	case TRAK_START_NODE:
@@ -96,9 +103,8 @@ static int trak_command_run(const struct trak_command *c,
 	case TRAK_GET_INFO:
 		return trak_ioctl_get_info(dev, rec);
 	default:
-		trak_log(TRAK_LOG_ERR, "%s(): %s is not implemented yet.",
-			 "trak_char_ioctl", c->name);
-		return -ENOSYS;
+		/* trak_command_find() gives no command outside the table. */
+		return -ENOTTY;
 	}
 }
 

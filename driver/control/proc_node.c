@@ -164,7 +164,7 @@ static void trak_proc_show_field(struct seq_file *m,
 		seq_printf(m, "%d\n", READ_ONCE(f->diff_bmp_dirty));
 		break;
 	case TRAK_PROC_COWQUEUE_LEN:
-		seq_printf(m, "%d\n", f->cowqueue_len);
+		seq_printf(m, "%d\n", trak_cowqueue_len(&f->cowqueue));
 		break;
 	case TRAK_PROC_STOP_PENDING:
 		seq_printf(m, "%d\n", s->stop_pending);

@@ -14,17 +14,33 @@
 #include "core/params.h"
 #include "guard.h"
 #include "router.h"
+#include "snap/route.h"
 
 /*
- * Every request a filter sends on to the partition leaves through here,
- * with the filter's io_lock held for reading.
+ * Every request a filter sends on leaves through here, from the request
+ * path and where held writes are released, with the filter's io_lock held
+ * for reading and io_cnt counted: with snaps, copy-on-write decides on the
+ * state of the snaps at this moment.  A bio that cannot go on is ended
+ * here, since no caller is left to end it.
  */
 static void trak_filter_pass(struct trak_blkdev *dev, struct bio *bio)
 {
-	bio_set_dev(bio, dev->filter.hdd_bdev);
-	submit_bio_noacct(bio);
+	struct trak_filter *f = &dev->filter;
+	int rc;
+
+	if (list_empty(&f->snaps) || !bio_sectors(bio)) {
+		bio_set_dev(bio, f->hdd_bdev);
+		submit_bio_noacct(bio);
+		return;
+	}
+	rc = trak_route_filter_with_snaps(dev, bio);
+	if (rc < 0) {
+		bio->bi_status = errno_to_blk_status(rc);
+		bio_endio(bio);
+	}
 }
 
+/* Marks a write's extents, then passes it on, unless it must wait. */
 static void trak_route_filter(struct trak_blkdev *dev, struct bio *bio)
 {
 	struct trak_filter *f = &dev->filter;
@@ -91,8 +107,10 @@ void trak_make_request(struct bio *bio)
 		rc = -EIO;
 	} else if (dev->dev_type == TRAK_DEV_FILTER) {
 		trak_route_filter(dev, bio);
+	} else if (dev->dev_type == TRAK_DEV_SNAP) {
+		rc = trak_route_snap(dev, bio);
 	} else {
-		/* Nothing else routes I/O yet: never leave a bio hanging. */
+		/* Never leave a bio hanging. */
 		rc = -EIO;
 	}
 

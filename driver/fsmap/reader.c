@@ -39,3 +39,15 @@ int trak_blkbmp_check_chunk_size(const char *func, u32 chunk_size,
 	}
 	return 0;
 }
+
+int trak_blkbmp_check_sb_csum(struct block_device *bdev, const char *func,
+			      u32 found, u32 computed)
+{
+	if (found == computed)
+		return 0;
+	trak_log(TRAK_LOG_ERR,
+		 "%s(): Checksum of Super Block of hdd(%d, %d) is wrong: 0x%08x instead of 0x%08x.",
+		 func, MAJOR(bdev->bd_dev), MINOR(bdev->bd_dev), found,
+		 computed);
+	return -EINVAL;
+}

@@ -39,4 +39,11 @@ trak_blkbmp_find_reader(struct block_device *bdev, u32 *block_size,
 int trak_blkbmp_check_chunk_size(const char *func, u32 chunk_size,
 				 u32 block_size);
 
+/*
+ * The check of a superblock's checksum, with its message: 0 when @found
+ * equals @computed, else -EINVAL.
+ */
+int trak_blkbmp_check_sb_csum(struct block_device *bdev, const char *func,
+			      u32 found, u32 computed);
+
 #endif

@@ -2,54 +2,19 @@
 /*
  * XFS reader: free extents from each allocation group's by-block
  * free-space B+tree.  A chunk is free only when one free extent covers it.
+ * Version 5 (CRC) keeps the same trees behind longer, checksummed block
+ * headers; reflink and rmapbt add trees of their own but leave the
+ * free-space trees the whole truth about free space.
  */
 #include "blkbmp.h"
 #include "reader.h"
+#include "xfs_fs.h"
 
-#define XFS_SECTOR_SIZE		512
-#define XFS_BUF_SIZE		4096
-
-#define XFS_SB_MAGICNUM		0
-#define XFS_SB_BLOCKSIZE	4
-#define XFS_SB_AGBLOCKS		84
-#define XFS_SB_AGCOUNT		88
-#define XFS_SB_SECTSIZE		102
-#define XFS_SB_MAGIC		0x58465342	/* "XFSB" */
-
-#define XFS_AGF_MAGICNUM	0
-#define XFS_AGF_LENGTH		12
-#define XFS_AGF_BNO_ROOT	16
-#define XFS_AGF_CNT_ROOT	20
-#define XFS_AGF_BNO_LEVEL	28
-#define XFS_AGF_CNT_LEVEL	32
-#define XFS_AGF_FREEBLKS	52
-#define XFS_AGF_MAGIC		0x58414746	/* "XAGF" */
-
-#define XFS_BT_MAGIC		0
-#define XFS_BT_LEVEL		4
-#define XFS_BT_NUMRECS		6
-#define XFS_BT_RIGHTSIB		12
-#define XFS_BT_HDR_SIZE		16
-#define XFS_BT_REC_SIZE		8	/* start block, block count */
-#define XFS_BT_PTR_SIZE		4
-#define XFS_ABTB_MAGIC		0x41425442	/* "ABTB" */
-#define XFS_NULL_AGBLOCK	0xFFFFFFFFU
 #define XFS_BT_MAX_LEVELS	16	/* far more than any real tree */
+#define XFS_NULL_AGBLOCK	0xFFFFFFFFU
 
 #define XFS_MIN_BLOCK_SIZE	512
 #define XFS_MAX_BLOCK_SIZE	65536
-
-struct xfs_reader {
-	u32 magicnum;
-	u32 blocksize;
-	u32 agblocks;
-	u32 agcount;
-	u16 sectsize;
-	struct block_device *bdev;
-	u8 *buf;
-	u32 *bno_root;
-	u32 *ag_length;
-};
 
 /* The free-extent walk through the leaves of one allocation group. */
 struct xfs_leaf_walk {
@@ -97,8 +62,12 @@ static int xfs_read_ag_headers(struct xfs_reader *ctx, u32 ag,
 		return -EINVAL;
 	}
 
-	/* The AGF is taken from the AG's second 512-byte sector. */
-	rc = trak_bread(bdev, ctx->buf, XFS_SECTOR_SIZE, sector + 1, 1);
+	/*
+	 * The AGF is the AG's second sector.  Version 4 is read as if sectors
+	 * were 512 bytes; version 5's checksum covers the whole sector.
+	 */
+	rc = trak_bread(bdev, ctx->buf, ctx->agf_sector,
+			sector * XFS_SECTOR_SIZE / ctx->agf_sector + 1, 1);
 	if (rc) {
 		trak_log(TRAK_LOG_ERR,
 			 "%s(): Failed to read AGF of AG %d of hdd(%d, %d): rc=%d",
@@ -113,6 +82,11 @@ static int xfs_read_ag_headers(struct xfs_reader *ctx, u32 ag,
 			 func, ag, MAJOR(bdev->bd_dev), MINOR(bdev->bd_dev),
 			 magic, XFS_AGF_MAGIC);
 		return -EINVAL;
+	}
+	if (ctx->crc) {
+		rc = trak_xfs_v5_check_agf(ctx, ag, func);
+		if (rc)
+			return rc;
 	}
 	ctx->bno_root[ag] = get_unaligned_be32(ctx->buf + XFS_AGF_BNO_ROOT);
 	ctx->ag_length[ag] = get_unaligned_be32(ctx->buf + XFS_AGF_LENGTH);
@@ -155,6 +129,11 @@ static int xfs_reader_setup(struct xfs_reader *ctx, u32 *block_size,
 	trak_log(2, "   sectsize=%d", ctx->sectsize);
 	trak_log(2, "   AG size=%d blocks", ctx->agblocks);
 	trak_log(2, "   AG count=%d", ctx->agcount);
+	if ((ctx->versionnum & XFS_SB_VERSION_NUMBITS) == XFS_SB_VERSION_5) {
+		rc = trak_xfs_v5_setup(ctx, func);
+		if (rc)
+			return rc;
+	}
 
 	ctx->bno_root = kmalloc_array(ctx->agcount, sizeof(u32), GFP_KERNEL);
 	ctx->ag_length = kmalloc_array(ctx->agcount, sizeof(u32), GFP_KERNEL);
@@ -202,7 +181,11 @@ static void *xfs_reader_init(struct block_device *bdev, u32 *block_size)
 	ctx->blocksize = get_unaligned_be32(sb + XFS_SB_BLOCKSIZE);
 	ctx->agblocks = get_unaligned_be32(sb + XFS_SB_AGBLOCKS);
 	ctx->agcount = get_unaligned_be32(sb + XFS_SB_AGCOUNT);
+	ctx->versionnum = get_unaligned_be16(sb + XFS_SB_VERSIONNUM);
 	ctx->sectsize = get_unaligned_be16(sb + XFS_SB_SECTSIZE);
+	ctx->agf_sector = XFS_SECTOR_SIZE;
+	ctx->bt_hdr_size = XFS_BT_HDR_SIZE;
+	ctx->bt_magic = XFS_ABTB_MAGIC;
 	if (ctx->magicnum != XFS_SB_MAGIC) {
 		trak_log(3, "%s(): hdd(%d, %d) doesn't have XFS.", __func__,
 			 MAJOR(bdev->bd_dev), MINOR(bdev->bd_dev));
@@ -234,15 +217,15 @@ static int xfs_read_tree_block(struct xfs_reader *ctx, u64 blk,
 		return rc;
 	}
 	magic = get_unaligned_be32(ctx->buf + XFS_BT_MAGIC);
-	if (magic != XFS_ABTB_MAGIC) {
+	if (magic != ctx->bt_magic) {
 		if (disk_order)
 			magic = get_unaligned((u32 *)(ctx->buf + XFS_BT_MAGIC));
 		trak_log(TRAK_LOG_ERR,
 			 "%s(): Invalid B+tree node block magic: 0x%08x instead of 0x%08x",
-			 func, magic, XFS_ABTB_MAGIC);
+			 func, magic, ctx->bt_magic);
 		return -EINVAL;
 	}
-	return 0;
+	return ctx->crc ? trak_xfs_v5_check_tree_block(ctx, blk, func) : 0;
 }
 
 /*
@@ -253,9 +236,9 @@ static int xfs_read_tree_block(struct xfs_reader *ctx, u64 blk,
 static int xfs_find_leaf(struct xfs_reader *ctx, u32 target, u64 ag_start,
 			 u32 block)
 {
-	const u32 maxrecs = (ctx->blocksize - XFS_BT_HDR_SIZE) /
+	const u32 maxrecs = (ctx->blocksize - ctx->bt_hdr_size) /
 			    (XFS_BT_REC_SIZE + XFS_BT_PTR_SIZE);
-	const u8 *keys = ctx->buf + XFS_BT_HDR_SIZE;
+	const u8 *keys = ctx->buf + ctx->bt_hdr_size;
 	const u8 *ptrs = keys + maxrecs * XFS_BT_REC_SIZE;
 	u32 i, numrecs, depth;
 	int rc;
@@ -284,7 +267,7 @@ static int xfs_find_leaf(struct xfs_reader *ctx, u32 target, u64 ag_start,
 
 static u32 xfs_leaf_maxrecs(const struct xfs_reader *ctx)
 {
-	return (ctx->blocksize - XFS_BT_HDR_SIZE) / XFS_BT_REC_SIZE;
+	return (ctx->blocksize - ctx->bt_hdr_size) / XFS_BT_REC_SIZE;
 }
 
 /* Starts the walk at the first record of the leaf in the buffer. */
@@ -299,14 +282,14 @@ static void xfs_leaf_walk_start(const struct xfs_reader *ctx,
 
 static u32 xfs_rec_start(const struct xfs_reader *ctx, u32 rec)
 {
-	return get_unaligned_be32(ctx->buf + XFS_BT_HDR_SIZE +
+	return get_unaligned_be32(ctx->buf + ctx->bt_hdr_size +
 				  rec * XFS_BT_REC_SIZE);
 }
 
 static u64 xfs_rec_end(const struct xfs_reader *ctx, u32 rec)
 {
 	return (u64)xfs_rec_start(ctx, rec) +
-	       get_unaligned_be32(ctx->buf + XFS_BT_HDR_SIZE +
+	       get_unaligned_be32(ctx->buf + ctx->bt_hdr_size +
 				  rec * XFS_BT_REC_SIZE + 4);
 }
 

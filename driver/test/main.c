@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
  * trak_test.ko: in-kernel unit tests of what no ioctl shows, the locks'
- * recursion, owner checks and wake-ups across tasks, and the registry's
- * choice of minors.  Loading the module runs every test; the load fails
+ * recursion, owner checks and wake-ups across tasks, the registry's choice
+ * of minors, the request tracker's overlaps and the COW queue's order.  Loading the module runs every test; the load fails
  * when any test fails.
  */
 #include <linux/kthread.h>
@@ -86,6 +86,8 @@ static int __init trak_test_init(void)
 	trak_test_run(trak_oxmutex_tests, &passed, &failed);
 	trak_test_run(trak_oxrwlock_tests, &passed, &failed);
 	trak_test_run(trak_registry_tests, &passed, &failed);
+	trak_test_run(trak_aio_tests, &passed, &failed);
+	trak_test_run(trak_cowqueue_tests, &passed, &failed);
 	pr_info("trak_test: %d passed, %d failed\n", passed, failed);
 	trak_debug_destroy();
 	return failed ? -EINVAL : 0;

@@ -22,10 +22,10 @@ static int trak_test_registry_one_slot(void)
 	trak_max_blk_minor = 0;
 
 	minor = 1;
-	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor) == -EINVAL))
+	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor, __func__) == -EINVAL))
 		return -EINVAL;
 	minor = -1;
-	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor) == 0 && minor == 0))
+	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor, __func__) == 0 && minor == 0))
 		return -EINVAL;
 
 	trak_blkdev_arr[0] = &occupant;
@@ -34,12 +34,12 @@ static int trak_test_registry_one_slot(void)
 	if (!TRAK_CHECK(!trak_blkdev_find(1) && !trak_blkdev_find(-1)))
 		return -EINVAL;
 	minor = -5;
-	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor) == -ENOSPC))
+	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor, __func__) == -ENOSPC))
 		return -EINVAL;
 	if (!TRAK_CHECK(minor == -5))
 		return -EINVAL;
 	minor = 0;
-	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor) == -EINVAL))
+	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor, __func__) == -EINVAL))
 		return -EINVAL;
 
 	trak_max_blk_minor = saved_max;
@@ -59,10 +59,10 @@ static int trak_test_registry_lowest_free(void)
 	trak_blkdev_arr[1] = &occupant;
 	trak_blkdev_arr[3] = &occupant;
 	minor = -5;
-	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor) == 0 && minor == 2))
+	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor, __func__) == 0 && minor == 2))
 		return -EINVAL;
 	minor = trak_max_blk_minor;
-	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor) == 0 &&
+	if (!TRAK_CHECK(trak_blkdev_choose_minor(&minor, __func__) == 0 &&
 			    minor == trak_max_blk_minor))
 		return -EINVAL;
 	trak_registry_destroy();

@@ -41,5 +41,7 @@ void trak_test_task_stop(struct trak_test_task *t);
 extern const struct trak_test_case trak_oxmutex_tests[];
 extern const struct trak_test_case trak_oxrwlock_tests[];
 extern const struct trak_test_case trak_registry_tests[];
+extern const struct trak_test_case trak_aio_tests[];
+extern const struct trak_test_case trak_cowqueue_tests[];
 
 #endif

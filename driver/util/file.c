@@ -158,3 +158,11 @@ int trak_fsync(struct trak_file *file)
 		return 0;
 	return vfs_fsync(file->filp, 0);
 }
+
+/* The file's size in bytes, or -EINVAL for an invalid handle. */
+loff_t trak_fsize(struct trak_file *file)
+{
+	if (!trak_file_valid(file, __func__))
+		return -EINVAL;
+	return i_size_read(file_inode(file->filp));
+}

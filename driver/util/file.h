@@ -20,5 +20,6 @@ int trak_fwrite(struct trak_file *file, loff_t off, const void *buf,
 int trak_fclose(struct trak_file *file);
 int trak_ftruncate(const char *path);
 int trak_fsync(struct trak_file *file);
+loff_t trak_fsize(struct trak_file *file);
 
 #endif

@@ -63,17 +63,14 @@ trak_bmp_data_args bmp_data_args(std::int32_t minor, BitmapKind kind, const void
             .data = user_address(data)};
 }
 
-// Bytes of a data-block bitmap with one bit per `extent_size` bytes of a
-// snap of `chunks` chunks of `chunk_size` bytes.
-std::size_t datablock_bitmap_bytes(std::uint64_t chunks, std::uint32_t chunk_size,
-                                   std::uint32_t extent_size) {
+}  // namespace
+
+std::size_t datablock_bitmap_size(const SnapInfo& snap, std::uint32_t extent_size) {
     const std::uint64_t per_extent =
-        chunk_size == 0 ? 1 : std::max<std::uint64_t>(extent_size / chunk_size, 1);
-    const std::uint64_t extents = (chunks + per_extent - 1) / per_extent;
+        snap.chunk_size == 0 ? 1 : std::max<std::uint64_t>(extent_size / snap.chunk_size, 1);
+    const std::uint64_t extents = (std::uint64_t{snap.cow_chunks} + per_extent - 1) / per_extent;
     return (extents + 7) / 8;
 }
-
-}  // namespace
 
 Control::Control(const std::string& device_path)
     : channel_(std::make_unique<DeviceChannel>(device_path)) {}
@@ -256,10 +253,7 @@ std::size_t Control::datablock_bitmap(std::int32_t minor, std::uint32_t extent_s
 
 std::vector<std::uint8_t> Control::datablock_bitmap(std::int32_t minor, std::uint32_t extent_size) {
     const Info node = info(minor);
-    std::vector<std::uint8_t> bits(
-        node.snap
-            ? datablock_bitmap_bytes(node.snap->cow_chunks, node.snap->chunk_size, extent_size)
-            : 0);
+    std::vector<std::uint8_t> bits(node.snap ? datablock_bitmap_size(*node.snap, extent_size) : 0);
     bits.resize(datablock_bitmap(minor, extent_size, bits));
     return bits;
 }

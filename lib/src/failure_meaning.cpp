@@ -33,9 +33,10 @@ constexpr std::array kMeanings = {
     Meaning{Command::AddFilterNode, ENOSPC, "every minor is in use"},
     Meaning{Command::AddFilterNode, EIO, "the driver could not set up the node's request tracking"},
     Meaning{Command::AddSnapNode, EINVAL,
-            "a COW file lies on no device or on the partition being snapped, no filter has that "
-            "minor, the chunk size is bad or differs from the filter's other snaps, or the minor "
-            "is too big or taken"},
+            "no filter node has that minor, a COW file lies on the partition being snapped or on "
+            "a file system without a device (such as tmpfs), the chunk size is not a power of two "
+            "of at least 4096 or differs from that of the filter's other snaps, or the minor is "
+            "too big or taken"},
     Meaning{Command::AddSnapNode, ENOSPC,
             "the filter has 256 snaps already, or every minor is in use"},
     Meaning{Command::DelNode, EBUSY, "the node, or one of its snaps, is open or cannot be stopped"},
@@ -66,10 +67,11 @@ constexpr std::array kMeanings = {
     Meaning{Command::GetBmp, EINVAL, kBadBitmapRequest},
     Meaning{Command::GetAndClrBmp, EINVAL, kBadBitmapRequest},
     Meaning{Command::GetDatablockBmp, EINVAL,
-            "no node with that minor, the node is not a started snap, the extent size is not a "
-            "power of two at least the chunk size, or the buffer is too small"},
+            "no node with that minor, the node is not a snap or not started, the extent size is "
+            "not a power of two at least the chunk size, or the buffer is too small"},
     Meaning{Command::GetDatablockBmp, ENOMEM,
-            "the driver ran out of memory, or the snap's file system was not recognised"},
+            "the snap's file system was not recognised, so it has no data-block map (or the "
+            "driver ran out of memory)"},
     Meaning{Command::TestDatablock, EINVAL,
             "the path is empty or not a block device, or the file system on it was not "
             "recognised or its bitmap is inconsistent"},
@@ -77,11 +79,10 @@ constexpr std::array kMeanings = {
     Meaning{Command::TestDatablock, EBUSY, "the partition is mounted"},
     Meaning{Command::TestDatablock, EIO,
             "the partition could not be opened, or the self-test found a mismatch"},
-    Meaning{Command::ResumeSnap, EINVAL,
-            "no snap node with that minor, or the snap is already started"},
-    Meaning{Command::ResumeSnap, ENODEV, kNoSuchNode},
+    Meaning{Command::ResumeSnap, EINVAL, "no node with that minor, or the node is not a snap"},
     Meaning{Command::ResumeSnap, EALREADY, "the snap is already started"},
-    Meaning{Command::ResumeSnap, EIO, "a COW file could not be opened"},
+    Meaning{Command::ResumeSnap, EIO,
+            "a COW file could not be opened, or the COW bitmap file could not be read"},
     Meaning{std::nullopt, EPERM, "only a process with CAP_SYS_ADMIN may command the driver"},
     Meaning{std::nullopt, ENOTTY, "the driver does not know this command (version mismatch?)"},
     Meaning{std::nullopt, ENOSYS, "this driver build does not implement the command yet"},

@@ -1,6 +1,5 @@
 #include "trak/proc.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,35 +9,14 @@
 #include <system_error>
 #include <utility>
 
+#include "file_descriptor.h"
+
 namespace trak {
 
 namespace {
 
-// Closes a file descriptor when it goes out of scope.
-class FileDescriptor {
-  public:
-    FileDescriptor(const std::filesystem::path& path, int flags)
-        : fd_(::open(path.c_str(), flags | O_CLOEXEC)) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    FileDescriptor(FileDescriptor&&) = delete;
-    FileDescriptor& operator=(FileDescriptor&&) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    int get() const noexcept { return fd_; }
-
-  private:
-    int fd_;
-};
-
-[[noreturn]] void throw_errno(std::string_view action, const std::filesystem::path& path) {
-    throw std::system_error(
-        errno, std::generic_category(),
-        std::string("cannot ").append(action).append(" ").append(path.string()));
-}
+using detail::FileDescriptor;
+using detail::throw_errno;
 
 std::string read_entry(const std::filesystem::path& path) {
     const FileDescriptor file(path, O_RDONLY);

@@ -27,6 +27,23 @@ TEST(FailureMeaning, CommandSpecificMeanings) {
               "the filter has 256 snaps already, or every minor is in use");
 }
 
+TEST(FailureMeaning, SnapshotCommands) {
+    EXPECT_EQ(meaning(Command::AddSnapNode, EINVAL),
+              "no filter node has that minor, a COW file lies on the partition being snapped or on "
+              "a file system without a device (such as tmpfs), the chunk size is not a power of "
+              "two of at least 4096 or differs from that of the filter's other snaps, or the minor "
+              "is too big or taken");
+    EXPECT_EQ(meaning(Command::ResumeSnap, EINVAL),
+              "no node with that minor, or the node is not a snap");
+    EXPECT_EQ(meaning(Command::ResumeSnap, EALREADY), "the snap is already started");
+    EXPECT_EQ(meaning(Command::ResumeSnap, EIO),
+              "a COW file could not be opened, or the COW bitmap file could not be read");
+    EXPECT_EQ(meaning(Command::GetDatablockBmp, ENOMEM),
+              "the snap's file system was not recognised, so it has no data-block map (or the "
+              "driver ran out of memory)");
+    EXPECT_EQ(meaning(Command::StartNode, EIO), "a COW file could not be created or written");
+}
+
 TEST(FailureMeaning, SameCodeMeansDifferentThingsPerCommand) {
     EXPECT_EQ(meaning(Command::GetInfo, EINVAL), "no node with that minor");
     EXPECT_EQ(meaning(Command::GetBmp, EINVAL),

@@ -3,8 +3,6 @@
 #include <asm/ioctl.h>
 
 #include <cerrno>
-#include <cstring>
-#include <string_view>
 
 namespace trak_test {
 
@@ -18,13 +16,6 @@ class FakeChannel final : public trak::IoctlChannel {
   private:
     FakeDriver& driver_;
 };
-
-template <std::size_t N>
-// NOLINTNEXTLINE(*-avoid-c-arrays): the records' string fields are C arrays.
-void set_string(char (&field)[N], std::string_view value) {
-    std::memset(field, 0, N);
-    std::memcpy(field, value.data(), value.size());
-}
 
 }  // namespace
 
@@ -46,6 +37,7 @@ int FakeDriver::handle(unsigned long request, void* record) {
         }
         const auto* bytes = static_cast<const std::uint8_t*>(record);
         last_record_.assign(bytes, bytes + _IOC_SIZE(request));
+        records_[command] = last_record_;
         if (const auto handler = handlers_.find(command); handler != handlers_.end()) {
             return handler->second(record);
         }

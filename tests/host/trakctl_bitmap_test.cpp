@@ -7,6 +7,7 @@
 #include <cstring>
 #include <span>
 
+#include "error_reports.h"
 #include "json_parser.h"
 #include "record_bytes.h"
 #include "temp_dir.h"
@@ -16,8 +17,6 @@ namespace {
 
 using trak::Command;
 using trak_test::field_at;
-
-constexpr std::string_view kKernelLog = " See the kernel log (dmesg) for the driver's message.\n";
 
 // 33 extents of 64 KiB over 2 MiB + 4 KiB: the last extent holds 4 KiB, and
 // the bitmaps have 5 bytes, of which the last has one bit that counts.
@@ -216,7 +215,7 @@ TEST_F(TrakctlBitmap, GetOfASnapIsRefusedByTheDriver) {
     EXPECT_EQ(result.err,
               "trakctl: bitmap get 4 incr: TRAK_GET_BMP failed: EINVAL (no node with that minor, "
               "the node is not a filter, or the bitmap kind or size is bad)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlBitmap, GetOfAnUnknownMinorFailsOnItsInfo) {
@@ -226,7 +225,7 @@ TEST_F(TrakctlBitmap, GetOfAnUnknownMinorFailsOnItsInfo) {
     EXPECT_EQ(result.err,
               "trakctl: bitmap get 9 diff: TRAK_GET_INFO failed: EINVAL (no node with that "
               "minor)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlBitmap, ClearSendsTheShortRecord) {
@@ -344,7 +343,7 @@ TEST_F(TrakctlBitmap, LoadOfAMissingFileSaysTheBitmapIsNowAllOnes) {
               "trakctl: bitmap load 0 incr: TRAK_LOAD_BMP failed: EIO (the bitmap file is "
               "missing, unreadable or has a bad prefix (the bitmap is now all ones: every extent "
               "counts as changed))." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlBitmap, SaveOntoTheFilteredPartitionIsRefused) {
@@ -357,27 +356,24 @@ TEST_F(TrakctlBitmap, SaveOntoTheFilteredPartitionIsRefused) {
               "trakctl: bitmap save 0 diff: TRAK_SAVE_BMP failed: EINVAL (no node with that "
               "minor, the node is not a filter, the bitmap kind is bad, or the bitmap file lies "
               "on the filtered partition)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlBitmap, OptionsThatDoNotApplyAreUsageErrors) {
     const std::string file = (files.path() / "f").string();
-    const std::vector<std::pair<std::vector<std::string_view>, std::string>> cases = {
-        {{"bitmap", "clear", "0", "incr", "--output", file},
-         "option '--output' does not apply to clear"},
-        {{"bitmap", "get", "0", "incr", "--all"}, "option '--all' does not apply to get"},
-        {{"bitmap", "merge", "0", "incr", "--all"}, "option '--all' does not apply to merge"},
-        {{"bitmap", "set", "0", "incr", "--output", file},
-         "option '--output' does not apply to set"},
-        {{"bitmap", "load", "0", "incr", "--json"}, "option '--json' does not apply to load"},
-        {{"bitmap", "get", "0", "incr", "--json", "--output", file},
-         "option '--json' does not apply to get with --output"},
-    };
-    for (const auto& [args, message] : cases) {
-        const auto result = runner.run(args);
-        EXPECT_EQ(result.status, 2) << message;
-        EXPECT_EQ(result.err, "trakctl: bitmap: " + message + "\nTry 'trakctl bitmap --help'.\n");
-    }
+    trak_test::expect_usage_errors(
+        runner, "bitmap",
+        {
+            {{"bitmap", "clear", "0", "incr", "--output", file},
+             "option '--output' does not apply to clear"},
+            {{"bitmap", "get", "0", "incr", "--all"}, "option '--all' does not apply to get"},
+            {{"bitmap", "merge", "0", "incr", "--all"}, "option '--all' does not apply to merge"},
+            {{"bitmap", "set", "0", "incr", "--output", file},
+             "option '--output' does not apply to set"},
+            {{"bitmap", "load", "0", "incr", "--json"}, "option '--json' does not apply to load"},
+            {{"bitmap", "get", "0", "incr", "--json", "--output", file},
+             "option '--json' does not apply to get with --output"},
+        });
     EXPECT_TRUE(runner.driver().requests().empty());
     EXPECT_FALSE(std::filesystem::exists(file));
 }

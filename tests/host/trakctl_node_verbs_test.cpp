@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <tuple>
 
+#include "error_reports.h"
 #include "record_bytes.h"
 #include "trakctl_runner.h"
 
@@ -11,8 +12,6 @@ namespace {
 
 using trak::Command;
 using trak_test::field_at;
-
-constexpr std::string_view kKernelLog = " See the kernel log (dmesg) for the driver's message.\n";
 
 // A verb and the command it issues.
 using NodeVerb = std::tuple<std::string_view, Command>;
@@ -33,10 +32,11 @@ TEST_P(TrakctlNodeVerb, SendsTheMinorAndPrintsNothing) {
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "");
-    EXPECT_EQ(runner.driver().requests(),
-              std::vector<unsigned long>{trak::command_code(command())});
-    ASSERT_EQ(runner.driver().last_record().size(), 4U);
-    EXPECT_EQ(field_at<std::int32_t>(runner.driver().last_record(), 0), 5);
+    ASSERT_FALSE(runner.driver().requests().empty());
+    EXPECT_EQ(runner.driver().requests().front(), trak::command_code(command()));
+    const auto& record = runner.driver().record_of(command());
+    ASSERT_EQ(record.size(), 4U);
+    EXPECT_EQ(field_at<std::int32_t>(record, 0), 5);
 }
 
 TEST_P(TrakctlNodeVerb, TakesExactlyOneMinor) {
@@ -65,7 +65,7 @@ TEST_F(TrakctlNodeFailure, StartOfAStartedNode) {
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err,
               "trakctl: start 0: TRAK_START_NODE failed: EALREADY (the node is already started)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlNodeFailure, StartOfAnUnknownMinor) {
@@ -77,7 +77,7 @@ TEST_F(TrakctlNodeFailure, StartOfAnUnknownMinor) {
     EXPECT_EQ(result.err,
               "trakctl: start 9: TRAK_START_NODE failed: EINVAL (no node with that minor, or the "
               "snap is DEFUNCT (its stop is pending) and cannot be restarted)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlNodeFailure, StopOfAnOpenNode) {
@@ -89,7 +89,7 @@ TEST_F(TrakctlNodeFailure, StopOfAnOpenNode) {
     EXPECT_EQ(result.err,
               "trakctl: stop 0: TRAK_STOP_NODE failed: EBUSY (the node, or one of its snaps, is "
               "open)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlNodeFailure, DelOfAnUnknownMinorReturnsPositive22) {
@@ -100,7 +100,7 @@ TEST_F(TrakctlNodeFailure, DelOfAnUnknownMinorReturnsPositive22) {
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "trakctl: del 3: TRAK_DEL_NODE failed: +22 (no such node)." +
-                              std::string(kKernelLog));
+                              std::string(trak_test::kSeeKernelLog));
 }
 
 TEST_F(TrakctlNodeFailure, DelOfAnOpenNode) {
@@ -112,7 +112,90 @@ TEST_F(TrakctlNodeFailure, DelOfAnOpenNode) {
     EXPECT_EQ(result.err,
               "trakctl: del 0: TRAK_DEL_NODE failed: EBUSY (the node, or one of its snaps, is "
               "open or cannot be stopped)." +
-                  std::string(kKernelLog));
+                  std::string(trak_test::kSeeKernelLog));
+}
+
+// A started snap 5 whose stop or delete the driver accepts; what the
+// handler does to its record is what the driver did.
+class TrakctlSnapStopAndDel : public ::testing::Test {
+  protected:
+    TrakctlSnapStopAndDel() {
+        trak_info_args snap = trak_test::snap_record(5);
+        snap.started = 1;
+        snap.snap_valid = 1;
+        snap.del_pending = 0;
+        runner.driver().add_node(snap);
+    }
+
+    // Installs a handler for `command` that leaves snap 5 as `change` makes it.
+    void on(Command command, void (*change)(trak_info_args&)) {
+        runner.driver().on(command, [this, change](void*) {
+            change(runner.driver().node(5));
+            return 0;
+        });
+    }
+
+    trak_test::TrakctlRunner runner;
+};
+
+TEST_F(TrakctlSnapStopAndDel, APostponedStopIsToldAbout) {
+    on(Command::StopNode, [](trak_info_args& snap) { snap.stop_pending = 1; });
+
+    const auto result = runner.run({"stop", "5"});
+
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out,
+              "snap 5: stop postponed until the snaps before it on its filter stop; until then "
+              "it is DEFUNCT and cannot be restarted\n");
+    EXPECT_EQ(runner.driver().requests(),
+              (std::vector<unsigned long>{trak::command_code(Command::StopNode),
+                                          trak::command_code(Command::GetInfo)}));
+}
+
+TEST_F(TrakctlSnapStopAndDel, AStopCarriedOutSaysNothing) {
+    on(Command::StopNode, [](trak_info_args& snap) { snap.started = 0; });
+
+    const auto result = runner.run({"stop", "5"});
+
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "");
+}
+
+TEST_F(TrakctlSnapStopAndDel, AStoppedFilterSaysNothing) {
+    runner.driver().add_node(trak_test::filter_record(0));
+    runner.driver().on(Command::StopNode, [](void*) { return 0; });
+
+    const auto result = runner.run({"stop", "0"});
+
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "");
+}
+
+TEST_F(TrakctlSnapStopAndDel, APostponedDeleteIsToldAbout) {
+    on(Command::DelNode, [](trak_info_args& snap) {
+        snap.stop_pending = 1;
+        snap.del_pending = 1;
+    });
+
+    const auto result = runner.run({"del", "5"});
+
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out,
+              "snap 5: delete postponed until the snaps before it on its filter are deleted; "
+              "until then it is DEFUNCT\n");
+}
+
+TEST_F(TrakctlSnapStopAndDel, ADeleteCarriedOutSaysNothing) {
+    runner.driver().on(Command::DelNode, [this](void*) {
+        runner.driver().remove_node(5);
+        return 0;
+    });
+
+    const auto result = runner.run({"del", "5"});
+
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "");
 }
 
 }  // namespace

@@ -13,9 +13,18 @@ class TrakctlOutput : public ::testing::Test {
   protected:
     TrakctlOutput() {
         runner.driver().add_node(trak_test::filter_record(0));
-        runner.driver().add_node(trak_test::filter_record(3));
+        trak_info_args lone = trak_test::filter_record(3);
+        lone.snap_cnt = 0;
+        runner.driver().add_node(lone);
         runner.driver().add_node(trak_test::snap_record(4));
+        runner.driver().add_node(trak_test::snap_record(6));
     }
+
+    // What status and info say of the fake's snaps, whose COW bitmap file
+    // does not exist.
+    static constexpr std::string_view kUnreadUsage =
+        "stopped, chunk size 4096, preserved unknown (cannot read /srv/cow/snap.bmp: No such "
+        "file or directory)";
 
     trak_test::TrakctlRunner runner;
 };
@@ -45,7 +54,12 @@ TEST_F(TrakctlOutput, InfoOfAFilterShowsTheFilterFieldsAligned) {
               "incremental bitmap clear:         yes\n"
               "differential bitmap clear:        no\n"
               "incremental bitmap full:          no\n"
-              "differential bitmap full:         yes\n");
+              "differential bitmap full:         yes\n"
+              "snap 4:                           " +
+                  std::string(kUnreadUsage) +
+                  "\n"
+                  "snap 6:                           " +
+                  std::string(kUnreadUsage) + "\n");
 }
 
 TEST_F(TrakctlOutput, InfoOfASnapShowsTheSnapFieldsAndNoFilterFields) {
@@ -68,11 +82,26 @@ TEST_F(TrakctlOutput, InfoJsonOfASnapHasTheRecordsSnapKeysInOrder) {
 
     ASSERT_EQ(result.status, 0) << result.err;
     const JsonValue json = parse_json(result.out);
-    EXPECT_EQ(json.keys,
-              (std::vector<std::string>{"minor", "dev_type", "dev_size", "started", "use_cnt",
-                                        "uuid", "name", "snap_valid", "stop_pending", "del_pending",
-                                        "chunk_size", "cow_chunks", "cow_bmp_size", "cow_data_size",
-                                        "cow_bmp_fname", "cow_data_fname"}));
+    EXPECT_EQ(json.keys, (std::vector<std::string>{"minor",
+                                                   "dev_type",
+                                                   "dev_size",
+                                                   "started",
+                                                   "use_cnt",
+                                                   "uuid",
+                                                   "name",
+                                                   "snap_valid",
+                                                   "stop_pending",
+                                                   "del_pending",
+                                                   "chunk_size",
+                                                   "cow_chunks",
+                                                   "cow_bmp_size",
+                                                   "cow_data_size",
+                                                   "cow_bmp_fname",
+                                                   "cow_data_fname",
+                                                   "state",
+                                                   "preserved_chunks",
+                                                   "preserved_bytes",
+                                                   "cow_bmp_error"}));
     EXPECT_EQ(json.at("minor").text, "4");
     EXPECT_EQ(json.at("dev_type").text, "snap");
     EXPECT_EQ(json.at("started").kind, JsonValue::Kind::Bool);
@@ -88,13 +117,13 @@ TEST_F(TrakctlOutput, InfoJsonOfAFilterHasTheRecordsFilterKeys) {
 
     ASSERT_EQ(result.status, 0) << result.err;
     const JsonValue json = parse_json(result.out);
-    EXPECT_EQ(json.keys,
-              (std::vector<std::string>{
-                  "minor",          "dev_type",       "dev_size",       "started",
-                  "use_cnt",        "uuid",           "name",           "hdd_name",
-                  "extent_size",    "extent_cnt",     "snap_minors",    "snap_cnt",
-                  "incr_bmp_size",  "diff_bmp_size",  "incr_bmp_fname", "diff_bmp_fname",
-                  "incr_bmp_clear", "diff_bmp_clear", "incr_bmp_full",  "diff_bmp_full"}));
+    EXPECT_EQ(json.keys, (std::vector<std::string>{
+                             "minor",          "dev_type",       "dev_size",       "started",
+                             "use_cnt",        "uuid",           "name",           "hdd_name",
+                             "extent_size",    "extent_cnt",     "snap_minors",    "snap_cnt",
+                             "incr_bmp_size",  "diff_bmp_size",  "incr_bmp_fname", "diff_bmp_fname",
+                             "incr_bmp_clear", "diff_bmp_clear", "incr_bmp_full",  "diff_bmp_full",
+                             "snaps"}));
     const JsonValue& snaps = json.at("snap_minors");
     ASSERT_EQ(snaps.kind, JsonValue::Kind::Array);
     ASSERT_EQ(snaps.items.size(), 2U);
@@ -110,14 +139,14 @@ TEST_F(TrakctlOutput, ListShowsBothTypesByDefault) {
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out,
               "filter nodes: 0 3\n"
-              "snap nodes:   4\n");
+              "snap nodes:   4 6\n");
 }
 
 TEST_F(TrakctlOutput, ListOfOneTypeAsJson) {
     const auto result = runner.run({"list", "--json", "snap"});
 
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "{\"snap\":[4]}\n");
+    EXPECT_EQ(result.out, "{\"snap\":[4,6]}\n");
 }
 
 TEST_F(TrakctlOutput, ListWithoutNodesSaysNone) {
@@ -137,7 +166,12 @@ TEST_F(TrakctlOutput, StatusShowsDeviceMajorsDebugAndNodes) {
               "block major:     101\n"
               "debug level:     1\n"
               "filter nodes:    0 3\n"
-              "snap nodes:      4\n");
+              "snap nodes:      4 6\n"
+              "snap 4:          filter 0, " +
+                  std::string(kUnreadUsage) +
+                  "\n"
+                  "snap 6:          filter 0, " +
+                  std::string(kUnreadUsage) + "\n");
     EXPECT_EQ(runner.opened(), std::vector<std::string>{"/dev/other"});
 }
 
@@ -147,7 +181,17 @@ TEST_F(TrakctlOutput, StatusJson) {
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out,
               "{\"device\":\"/dev/trakctl\",\"chr_major\":100,\"blk_major\":101,\"debug\":1,"
-              "\"filter\":[0,3],\"snap\":[4]}\n");
+              "\"filter\":[0,3],\"snap\":[4,6],\"snaps\":["
+              "{\"minor\":4,\"name\":\"trak4\",\"filter_minor\":0,\"state\":\"stopped\","
+              "\"started\":false,\"snap_valid\":true,\"stop_pending\":false,"
+              "\"del_pending\":true,\"chunk_size\":4096,\"preserved_chunks\":null,"
+              "\"preserved_bytes\":null,\"cow_bmp_error\":\"cannot read /srv/cow/snap.bmp: No "
+              "such file or directory\"},"
+              "{\"minor\":6,\"name\":\"trak4\",\"filter_minor\":0,\"state\":\"stopped\","
+              "\"started\":false,\"snap_valid\":true,\"stop_pending\":false,"
+              "\"del_pending\":true,\"chunk_size\":4096,\"preserved_chunks\":null,"
+              "\"preserved_bytes\":null,\"cow_bmp_error\":\"cannot read /srv/cow/snap.bmp: No "
+              "such file or directory\"}]}\n");
     EXPECT_NO_THROW(parse_json(result.out));
 }
 

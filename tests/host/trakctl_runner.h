@@ -28,6 +28,7 @@ class TrakctlRunner {
     RunResult run(std::span<const std::string_view> args) const;
 
     FakeDriver& driver() { return driver_; }
+    const FakeDriver& driver() const { return driver_; }
     const TempDir& proc() const { return proc_; }
     // The device paths that trakctl opened, in order.
     const std::vector<std::string>& opened() const { return opened_; }

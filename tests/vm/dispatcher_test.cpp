@@ -177,25 +177,6 @@ TEST_F(DispatcherTest, DeviceListsAreEmptyWithoutNodes) {
     EXPECT_TRUE(log().Absent(LogPattern::Matching("^ERROR: ")));
 }
 
-// The commands whose handlers have not landed yet; each one leaves this
-// list when its handler arrives.
-TEST_F(DispatcherTest, CommandsStillToComeAreNotImplemented) {
-    const std::vector<NamedCommand> commands = {
-        {TRAK_ADD_SNAP_NODE, "TRAK_ADD_SNAP_NODE"},
-        {TRAK_RESUME_SNAP, "TRAK_RESUME_SNAP"},
-    };
-    for (const NamedCommand& command : commands) {
-        SCOPED_TRACE(command.name);
-        log().Mark();
-        RecordBuffer record{};
-
-        EXPECT_EQ(control().Ioctl(command.code, record.data()), ENOSYS);
-
-        EXPECT_TRUE(log().Contains(LogPattern::Error(std::string("trak_char_ioctl(): ") +
-                                                     command.name + " is not implemented yet.")));
-    }
-}
-
 TEST_F(DispatcherTest, ReadWriteAndSeekTransferNothing) {
     std::array<char, 16> buffer{};
 

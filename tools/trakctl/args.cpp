@@ -55,6 +55,14 @@ std::string_view bitmap_kind_name(trak::BitmapKind kind) {
     return kind == trak::BitmapKind::Incremental ? "incr" : "diff";
 }
 
+bool parse_flag(std::string_view text, std::string_view what) {
+    if (text == "0" || text == "1") {
+        return text == "1";
+    }
+    throw UsageError("invalid " + std::string(what) + " '" + std::string(text) +
+                     "': expected 0 or 1");
+}
+
 int parse_level(std::string_view text) { return parse_non_negative(text, "debug level"); }
 
 std::string absolute_path(std::string_view path) {

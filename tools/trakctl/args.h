@@ -29,6 +29,10 @@ std::string_view bitmap_kind_name(trak::BitmapKind kind);
 // where the caller's working directory means nothing.
 std::string absolute_path(std::string_view path);
 
+// A flag given as 0 or 1, as the driver's records hold them. Throws
+// UsageError naming `what`.
+bool parse_flag(std::string_view text, std::string_view what);
+
 // A log verbosity: a decimal number from 0 to 2^31 - 1. Throws UsageError.
 int parse_level(std::string_view text);
 

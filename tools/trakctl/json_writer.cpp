@@ -104,4 +104,9 @@ void JsonWriter::value(bool flag) {
     out_ << (flag ? "true" : "false");
 }
 
+void JsonWriter::null() {
+    before_value();
+    out_ << "null";
+}
+
 }  // namespace trakctl

@@ -29,6 +29,7 @@ class JsonWriter {
     void value(std::int64_t number);
     void value(std::uint64_t number);
     void value(bool flag);
+    void null();
 
   private:
     void before_value();

@@ -2,11 +2,14 @@
 
 namespace trakctl {
 
-void add_node_list(Report& report, trak::Control& control, trak::DevType type) {
+std::vector<std::int32_t> add_node_list(Report& report, trak::Control& control,
+                                        trak::DevType type) {
     const bool filter = type == trak::DevType::Filter;
+    std::vector<std::int32_t> minors = control.device_list(type);
     report.push_back(Field{.key = filter ? "filter" : "snap",
                            .label = filter ? "filter nodes" : "snap nodes",
-                           .value = control.device_list(type)});
+                           .value = minors});
+    return minors;
 }
 
 }  // namespace trakctl

@@ -18,4 +18,12 @@ std::optional<std::string_view> OptionValues::value(std::string_view name) const
     return found->second;
 }
 
+std::string_view OptionValues::required(std::string_view name) const {
+    const auto given = value(name);
+    if (!given) {
+        throw UsageError("option '" + std::string(name) + "' is required");
+    }
+    return *given;
+}
+
 }  // namespace trakctl

@@ -1,6 +1,8 @@
 #include "report.h"
 
 #include <algorithm>
+#include <sstream>
+#include <utility>
 
 #include "json_writer.h"
 
@@ -8,9 +10,12 @@ namespace trakctl {
 
 namespace {
 
+using ItemList = std::vector<ReportItem>;
+
 struct TextValue {
     std::ostream& out;
 
+    void operator()(std::monostate /*unknown*/) const { out << "unknown"; }
     void operator()(std::int64_t number) const { out << number; }
     void operator()(std::uint64_t number) const { out << number; }
     void operator()(bool flag) const { out << (flag ? "yes" : "no"); }
@@ -26,11 +31,14 @@ struct TextValue {
             separator = " ";
         }
     }
+    // Items have lines of their own (print_text).
+    void operator()(const ItemList& /*items*/) const {}
 };
 
 struct JsonValue {
     JsonWriter& json;
 
+    void operator()(std::monostate /*unknown*/) const { json.null(); }
     void operator()(std::int64_t number) const { json.value(number); }
     void operator()(std::uint64_t number) const { json.value(number); }
     void operator()(bool flag) const { json.value(flag); }
@@ -42,32 +50,61 @@ struct JsonValue {
         }
         json.end_array();
     }
+    void operator()(const ItemList& items) const {
+        json.begin_array();
+        for (const ReportItem& item : items) {
+            json.begin_object();
+            write_json_fields(json, item.fields);
+            json.end_object();
+        }
+        json.end_array();
+    }
 };
 
-void print_text(const Report& report, std::ostream& out) {
-    std::size_t width = 0;
+// The label and value of every text line, in order.
+std::vector<std::pair<std::string, std::string>> text_lines(const Report& report) {
+    std::vector<std::pair<std::string, std::string>> lines;
     for (const Field& field : report) {
-        width = std::max(width, field.label.size());
+        if (const auto* items = std::get_if<ItemList>(&field.value)) {
+            for (const ReportItem& item : *items) {
+                lines.emplace_back(item.label, item.summary);
+            }
+            continue;
+        }
+        std::ostringstream value;
+        std::visit(TextValue{value}, field.value);
+        lines.emplace_back(field.label, value.str());
     }
-    for (const Field& field : report) {
-        out << field.label << ':' << std::string(width - field.label.size() + 1, ' ');
-        std::visit(TextValue{out}, field.value);
-        out << '\n';
+    return lines;
+}
+
+void print_text(const Report& report, std::ostream& out) {
+    const auto lines = text_lines(report);
+    std::size_t width = 0;
+    for (const auto& [label, value] : lines) {
+        width = std::max(width, label.size());
+    }
+    for (const auto& [label, value] : lines) {
+        out << label << ':' << std::string(width - label.size() + 1, ' ') << value << '\n';
     }
 }
 
 void print_json(const Report& report, std::ostream& out) {
     JsonWriter json(out);
     json.begin_object();
-    for (const Field& field : report) {
-        json.key(field.key);
-        std::visit(JsonValue{json}, field.value);
-    }
+    write_json_fields(json, report);
     json.end_object();
     out << '\n';
 }
 
 }  // namespace
+
+void write_json_fields(JsonWriter& json, const Report& report) {
+    for (const Field& field : report) {
+        json.key(field.key);
+        std::visit(JsonValue{json}, field.value);
+    }
+}
 
 void print_report(const Report& report, OutputFormat format, std::ostream& out) {
     if (format == OutputFormat::Json) {

@@ -36,6 +36,9 @@ class OptionValues {
     void set(std::string_view name, std::string_view value);
     bool has(std::string_view name) const { return values_.contains(name); }
     std::optional<std::string_view> value(std::string_view name) const;
+    // The value of an option the verb cannot do without; throws UsageError
+    // when it was not given.
+    std::string_view required(std::string_view name) const;
 
   private:
     std::map<std::string_view, std::string_view, std::less<>> values_;

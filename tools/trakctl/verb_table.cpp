@@ -8,8 +8,9 @@ namespace trakctl {
 
 std::span<const Verb* const> verb_table() {
     static const std::array table = {
-        &status_verb(), &debug_verb(), &list_verb(), &info_verb(),   &add_filter_verb(),
-        &start_verb(),  &stop_verb(),  &del_verb(),  &bitmap_verb(), &test_datablock_verb(),
+        &status_verb(),     &debug_verb(),  &list_verb(),          &info_verb(),
+        &add_filter_verb(), &snap_verb(),   &start_verb(),         &stop_verb(),
+        &del_verb(),        &bitmap_verb(), &datablock_map_verb(), &test_datablock_verb(),
     };
     return table;
 }

@@ -7,7 +7,10 @@
 #ifndef TRAK_FSMAP_KERNEL_ENV_H
 #define TRAK_FSMAP_KERNEL_ENV_H
 
+#include <linux/bitmap.h>
 #include <linux/blkdev.h>
+#include <linux/crc16.h>
+#include <linux/crc32c.h>
 #include <linux/fcntl.h>
 #include <linux/jiffies.h>
 #include <linux/kernel.h>

@@ -15,6 +15,10 @@
 
 namespace trak {
 
+// Bytes of the data-block bitmap of `snap` with one bit per `extent_size`
+// bytes, as TRAK_GET_DATABLOCK_BMP writes it.
+std::size_t datablock_bitmap_size(const SnapInfo& snap, std::uint32_t extent_size);
+
 // Every call issues one command (the sized-by-query variants issue
 // TRAK_GET_INFO first) and throws DriverError when the driver refuses it.
 // Strings that do not fit their field in the command's record throw

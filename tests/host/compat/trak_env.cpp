@@ -1,8 +1,10 @@
 // Host implementations of the kernel services declared in trak_env.h.
 #include "trak_env.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdarg>
 #include <string>
 #include <vector>
@@ -13,10 +15,36 @@ namespace {
 
 constexpr int kLogBufferSize = 2048;  // as the driver's log buffer
 constexpr unsigned kPageSize = 4096;
+constexpr u32 kCrc32cPoly = 0x82F63B78;  // 0x1EDC6F41, bit-reflected
+constexpr u16 kCrc16Poly = 0xA001;       // 0x8005, bit-reflected
 
 std::vector<trak::host::LogLine>& Lines() {
     static std::vector<trak::host::LogLine> lines;
     return lines;
+}
+
+// The byte-at-a-time table of a bit-reflected CRC with polynomial `poly`.
+template <typename Crc>
+std::array<Crc, 256> CrcTable(Crc poly) {
+    std::array<Crc, 256> table{};
+    for (unsigned v = 0; v < table.size(); v++) {
+        Crc crc = static_cast<Crc>(v);
+        for (int bit = 0; bit < 8; bit++) {
+            crc = (crc & 1U) != 0 ? static_cast<Crc>((crc >> 1U) ^ poly)
+                                  : static_cast<Crc>(crc >> 1U);
+        }
+        table.at(v) = crc;
+    }
+    return table;
+}
+
+template <typename Crc>
+Crc CrcUpdate(const std::array<Crc, 256>& table, Crc crc, const void* data, size_t length) {
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    for (size_t i = 0; i < length; i++) {
+        crc = static_cast<Crc>((crc >> 8U) ^ table.at((crc ^ bytes[i]) & 0xFFU));
+    }
+    return crc;
 }
 
 }  // namespace
@@ -43,6 +71,16 @@ int trak_log(int level, const char* fmt, ...) {
     }
     Lines().push_back({level, text});
     return 0;
+}
+
+u32 crc32c(u32 crc, const void* address, unsigned int length) {
+    static const std::array<u32, 256> kTable = CrcTable<u32>(kCrc32cPoly);
+    return CrcUpdate(kTable, crc, address, length);
+}
+
+u16 crc16(u16 crc, const u8* buffer, size_t len) {
+    static const std::array<u16, 256> kTable = CrcTable<u16>(kCrc16Poly);
+    return CrcUpdate(kTable, crc, buffer, len);
 }
 
 int trak_bread(struct block_device* bdev, void* buf, u32 size, u64 blk, int count) {
@@ -100,6 +138,42 @@ int trak_fwrite(struct trak_file* file, loff_t off, const void* buf, int count) 
         done += static_cast<int>(n);
     }
     return done;
+}
+
+int trak_fread(struct trak_file* file, loff_t off, void* buf, int count) {
+    auto* dst = static_cast<char*>(buf);
+    int done = 0;
+    while (done < count) {
+        const ssize_t n = pread(file->fd, dst + done, count - done, off + done);
+        if (n < 0) {
+            const int err = errno;
+            trak_log(TRAK_LOG_ERR, "%s(): Failed to read %d bytes from %s: rc=%d", __func__,
+                     count - done, file->name.c_str(), -err);
+            return -err;
+        }
+        if (n == 0) {
+            trak_log(TRAK_LOG_ERR, "%s(): Unexpected EOF while trying to read %d bytes from %s",
+                     __func__, count - done, file->name.c_str());
+            break;
+        }
+        done += static_cast<int>(n);
+    }
+    return done;
+}
+
+int trak_fsync(struct trak_file* file) { return fsync(file->fd) != 0 ? -errno : 0; }
+
+loff_t trak_fsize(struct trak_file* file) {
+    struct stat st {};
+    return fstat(file->fd, &st) != 0 ? -errno : st.st_size;
+}
+
+int trak_ftruncate(const char* path) {
+    const int fd = open(path, O_RDWR | O_TRUNC);
+    if (fd >= 0) {
+        close(fd);
+    }
+    return 0;
 }
 
 int trak_fclose(struct trak_file* file) {

@@ -37,6 +37,7 @@ typedef int32_t s32;
 typedef long long s64;
 
 #define S32_MAX INT32_MAX
+#define U32_MAX UINT32_MAX
 #define ARRAY_SIZE(a) (sizeof(a) / sizeof((a)[0]))
 #define DIV_ROUND_UP(n, d) (((n) + (d)-1) / (d))
 #define min_t(type, a, b) ((type)(a) < (type)(b) ? (type)(a) : (type)(b))
@@ -47,7 +48,9 @@ typedef long long s64;
 #endif
 
 /* Allocation: the GFP flags mean nothing here. */
+typedef unsigned int gfp_t;
 #define GFP_KERNEL 0
+#define GFP_NOIO 0
 static inline void* kmalloc(size_t size, int gfp) { return (void)gfp, malloc(size); }
 static inline void* kzalloc(size_t size, int gfp) { return (void)gfp, calloc(1, size); }
 static inline void* kmalloc_array(size_t n, size_t size, int gfp) {
@@ -56,13 +59,47 @@ static inline void* kmalloc_array(size_t n, size_t size, int gfp) {
 static inline void* kcalloc(size_t n, size_t size, int gfp) { return (void)gfp, calloc(n, size); }
 static inline void kfree(const void* p) { free((void*)p); }
 static inline void* vmalloc(size_t size) { return malloc(size); }
+static inline void* vzalloc(size_t size) { return calloc(1, size); }
 static inline void vfree(const void* p) { free((void*)p); }
+
+/* Shared memory: one thread at a time uses the code here. */
+#define READ_ONCE(x) (x)
+#define cmpxchg(ptr, old, new) __sync_val_compare_and_swap(ptr, old, new)
+
+/* Bit arrays of unsigned longs, as the kernel's. */
+#define BITS_PER_LONG (8 * sizeof(unsigned long))
+static inline bool test_bit(unsigned long nr, const unsigned long* addr) {
+    return (addr[nr / BITS_PER_LONG] >> (nr % BITS_PER_LONG)) & 1;
+}
+static inline bool test_and_set_bit(unsigned long nr, unsigned long* addr) {
+    const bool was = test_bit(nr, addr);
+    addr[nr / BITS_PER_LONG] |= 1UL << (nr % BITS_PER_LONG);
+    return was;
+}
+/* The first byte of @start that is not @c, or NULL. */
+static inline void* memchr_inv(const void* start, int c, size_t bytes) {
+    const unsigned char* p = (const unsigned char*)start;
+    for (size_t i = 0; i < bytes; i++) {
+        if (p[i] != (unsigned char)c) {
+            return (void*)(p + i);
+        }
+    }
+    return NULL;
+}
 
 /* Bits and logarithms of 32-bit and 64-bit values. */
 static inline bool is_power_of_2(u64 n) { return n != 0 && (n & (n - 1)) == 0; }
 static inline int ilog2(u64 n) { return 63 - __builtin_clzll(n); }
 static inline u64 roundup_pow_of_two(u64 n) { return n <= 1 ? 1 : 2ULL << ilog2(n - 1); }
 static inline unsigned int hweight8(unsigned int v) { return __builtin_popcount(v & 0xFF); }
+
+/* Bitmaps of unsigned longs, as <linux/bitmap.h> has them. */
+static inline void bitmap_set(unsigned long* map, unsigned int start, unsigned int nbits) {
+    const unsigned int word_bits = 8 * sizeof(*map);
+    for (unsigned int b = start; b < start + nbits; b++) {
+        map[b / word_bits] |= 1UL << (b % word_bits);
+    }
+}
 
 /* The kernel's snprintf that returns what it wrote, not what it wanted. */
 __attribute__((format(printf, 3, 4))) static inline int scnprintf(char* buf, size_t size,
@@ -98,7 +135,24 @@ static inline u32 get_unaligned_be32(const void* p) {
     memcpy(&v, p, sizeof(v));
     return be32toh(v);
 }
+static inline u64 get_unaligned_be64(const void* p) {
+    uint64_t v;
+    memcpy(&v, p, sizeof(v));
+    return be64toh(v);
+}
+static inline void put_unaligned_le32(u32 v, void* p) {
+    const u32 le = htole32(v);
+    memcpy(p, &le, sizeof(le));
+}
 #define get_unaligned(p) (*(p))
+
+/*
+ * Checksums as the kernel's libcrc32c and crc16 compute them: CRC-32C and
+ * the CRC-16 of polynomial 0x8005, both bit-reflected, from the given seed
+ * and without a final inversion.
+ */
+u32 crc32c(u32 crc, const void* address, unsigned int length);
+u16 crc16(u16 crc, const u8* buffer, size_t len);
 
 /* Device numbers are split 12:20, as in the kernel. */
 #define MINORBITS 20
@@ -124,8 +178,12 @@ int trak_bread(struct block_device* bdev, void* buf, u32 size, u64 blk, int coun
 
 struct trak_file;
 struct trak_file* trak_fopen(const char* path, int flags, int mode);
+int trak_fread(struct trak_file* file, loff_t off, void* buf, int count);
 int trak_fwrite(struct trak_file* file, loff_t off, const void* buf, int count);
 int trak_fclose(struct trak_file* file);
+int trak_fsync(struct trak_file* file);
+loff_t trak_fsize(struct trak_file* file);
+int trak_ftruncate(const char* path);
 
 // NOLINTEND
 

@@ -74,23 +74,17 @@ TEST_P(BlkbmpSelfTest, PassesAndDumpsTheBlockMap) {
     EXPECT_EQ(Difference(BitsOf(dumped.data(), blocks), fs.oracle(image, blocks)), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Images, BlkbmpSelfTest,
-    testing::Values(
-        FileSystemCase{"ext2_1k", 1024,
-                       [](const ScratchDir& d) { return MakeExtImage(d, "ext2", 1024, 30 * kMiB); },
-                       [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
-        FileSystemCase{"ext3_2k", 2048,
-                       [](const ScratchDir& d) { return MakeExtImage(d, "ext3", 2048, 96 * kMiB); },
-                       [](const std::string& i, uint64_t n) { return DumpE2fs(i, n).used; }},
-        FileSystemCase{
-            "xfs_4k", 4096,
-            [](const ScratchDir& d) { return MakeXfsImage(d, 4096, 2, 600, 320 * kMiB); },
-            [](const std::string& i, uint64_t n) { return XfsDb(i, n).used; }},
-        FileSystemCase{"reiserfs_4k", 4096,
-                       [](const ScratchDir& d) { return MakeReiserfsImage(d, 200 * kMiB); },
-                       [](const std::string& i, uint64_t n) { return DebugReiserfs(i, n).used; }}),
-    [](const auto& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Images, BlkbmpSelfTest,
+                         testing::Values(ExtCase("ext2_1k", "ext2", 1024, 30 * kMiB),
+                                         ExtCase("ext3_2k", "ext3", 2048, 96 * kMiB),
+                                         ExtCase("ext4_1k", "ext4", 1024, 96 * kMiB),
+                                         ExtCase("ext4_4k", "ext4", 4096, 640 * kMiB),
+                                         ExtCase("ext4_bigalloc", "ext4", 4096, 640 * kMiB,
+                                                 "-O bigalloc -C 65536"),
+                                         XfsCase("xfs_v5_4k", kXfsV5, 4096, 2, 600, 320 * kMiB),
+                                         XfsCase("xfs_4k", kXfsV4, 4096, 2, 600, 320 * kMiB),
+                                         ReiserfsCase("reiserfs_4k", 200 * kMiB)),
+                         [](const auto& info) { return info.param.name; });
 
 TEST(BlkbmpSelfTestEdges, ASmallFileSystemSkipsTheReaderRounds) {
     ScratchDir dir;

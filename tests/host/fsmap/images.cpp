@@ -53,8 +53,10 @@ std::string Run(const std::string& command) {
     return output;
 }
 
-ScratchDir::ScratchDir() {
-    std::string templ = (fs::temp_directory_path() / "trak-fsmap-XXXXXX").string();
+ScratchDir::ScratchDir() : ScratchDir(fs::temp_directory_path().string()) {}
+
+ScratchDir::ScratchDir(const std::string& base) {
+    std::string templ = (fs::path(base) / "trak-fsmap-XXXXXX").string();
     if (mkdtemp(templ.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed");
     }
@@ -101,6 +103,13 @@ std::string MakeExtImage(const ScratchDir& dir, const std::string& fs_type, unsi
     return image;
 }
 
+std::string MakeHugeExt4Image(const ScratchDir& dir, uint64_t image_bytes) {
+    std::string image = dir.File("ext4-huge.img");
+    MakeSparseFile(image, image_bytes);
+    Run("mkfs.ext4 -q -F -b 4096 -E lazy_itable_init=1,lazy_journal_init=1 " + image);
+    return image;
+}
+
 std::string MakeExt2ImageWithFile(const ScratchDir& dir, uint64_t image_bytes,
                                   uint64_t file_bytes) {
     std::string image = dir.File("ext2-one-file.img");
@@ -119,8 +128,9 @@ std::string MakeEmptyExt2Image(const ScratchDir& dir, uint64_t image_bytes) {
     return MakeExt2ImageWithFile(dir, image_bytes, 0);
 }
 
-std::string MakeXfsImage(const ScratchDir& dir, unsigned block_size, unsigned agcount,
-                         unsigned files_per_dir, uint64_t image_bytes, uint64_t kept_file_bytes) {
+std::string MakeXfsImage(const ScratchDir& dir, const std::string& mkfs_options,
+                         unsigned block_size, unsigned agcount, unsigned files_per_dir,
+                         uint64_t image_bytes, uint64_t kept_file_bytes) {
     std::string image = dir.File("xfs-" + std::to_string(block_size) + ".img");
     const std::string freed = dir.File("xfs-freed");
     const std::string kept = dir.File("xfs-kept");
@@ -143,7 +153,7 @@ std::string MakeXfsImage(const ScratchDir& dir, unsigned block_size, unsigned ag
     std::ofstream(proto_file) << proto.str();
 
     MakeSparseFile(image, image_bytes);
-    Run("mkfs.xfs -q -f -m crc=0 -s size=512 -b size=" + std::to_string(block_size) +
+    Run("mkfs.xfs -q -f " + mkfs_options + " -b size=" + std::to_string(block_size) +
         " -d agcount=" + std::to_string(agcount) + " -p " + proto_file + " " + image);
 
     // Clear the inodes of every other file; xfs_repair then frees their
@@ -167,11 +177,12 @@ std::string MakeXfsImage(const ScratchDir& dir, unsigned block_size, unsigned ag
     return image;
 }
 
-std::string MakeFilledExt3Image(const ScratchDir& dir, uint64_t image_bytes, unsigned kept_files,
-                                uint64_t kept_file_bytes) {
-    std::string image = dir.File("ext3-filled.img");
-    const std::string kept = dir.File("ext3-kept");
-    const std::string removed = dir.File("ext3-removed");
+std::string MakeFilledExtImage(const ScratchDir& dir, const std::string& fs_type,
+                               uint64_t image_bytes, unsigned kept_files,
+                               uint64_t kept_file_bytes) {
+    std::string image = dir.File(fs_type + "-filled.img");
+    const std::string kept = dir.File(fs_type + "-kept");
+    const std::string removed = dir.File(fs_type + "-removed");
     WriteFile(kept, kept_file_bytes);
     WriteFile(removed, kExtRemovedFileBytes);
     std::ostringstream writes;
@@ -180,13 +191,13 @@ std::string MakeFilledExt3Image(const ScratchDir& dir, uint64_t image_bytes, uns
         writes << "write " << kept << " k" << f << "\nwrite " << removed << " r" << f << "\n";
         removals << "rm r" << f << "\n";
     }
-    const std::string write_file = dir.File("ext3-write.cmds");
-    const std::string removal_file = dir.File("ext3-rm.cmds");
+    const std::string write_file = dir.File(fs_type + "-write.cmds");
+    const std::string removal_file = dir.File(fs_type + "-rm.cmds");
     std::ofstream(write_file) << writes.str();
     std::ofstream(removal_file) << removals.str();
 
     MakeSparseFile(image, image_bytes);
-    Run("mkfs.ext3 -q -F -b 4096 " + image);
+    Run("mkfs." + fs_type + " -q -F -b 4096 " + image);
     Run("debugfs -w -f " + write_file + " " + image + " >/dev/null");
     Run("debugfs -w -f " + removal_file + " " + image + " >/dev/null");
     return image;
@@ -208,6 +219,16 @@ std::vector<uint8_t> ReadBytes(const std::string& path, uint64_t offset, size_t 
         throw std::runtime_error("cannot read " + path);
     }
     return bytes;
+}
+
+std::string FlipChecksumBit(const std::string& path, uint64_t offset) {
+    std::vector<uint8_t> crc = ReadBytes(path, offset, 4);
+    const uint32_t right = crc[0] | crc[1] << 8U | crc[2] << 16U | uint32_t{crc[3]} << 24U;
+    crc[0] ^= 1U;
+    WriteBytes(path, offset, crc);
+    std::array<char, 40> text{};
+    std::snprintf(text.data(), text.size(), "0x%08x instead of 0x%08x", right ^ 1U, right);
+    return text.data();
 }
 
 void WriteBytes(const std::string& path, uint64_t offset, const std::vector<uint8_t>& bytes) {

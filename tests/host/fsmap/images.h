@@ -16,6 +16,8 @@ std::string Run(const std::string& command);
 class ScratchDir {
   public:
     ScratchDir();
+    // Under `base` instead of the temporary directory.
+    explicit ScratchDir(const std::string& base);
     ScratchDir(const ScratchDir&) = delete;
     ScratchDir& operator=(const ScratchDir&) = delete;
     ~ScratchDir();
@@ -36,6 +38,12 @@ std::string MakeExtImage(const ScratchDir& dir, const std::string& fs_type, unsi
                          uint64_t image_bytes, uint64_t fs_blocks = 0,
                          const std::string& mkfs_options = "");
 
+// A default ext4 with 4 KiB blocks over a sparse image of `image_bytes`,
+// empty, its inode tables and journal left unwritten so that an image of
+// more than 16 TiB stays small and is made in a second. The directory must
+// be on a file system that takes such files (/tmp's ext4 stops at 16 TiB).
+std::string MakeHugeExt4Image(const ScratchDir& dir, uint64_t image_bytes);
+
 // ext2 with 1 KiB blocks over the whole image, holding one file of
 // `file_bytes` (0: none).
 std::string MakeExt2ImageWithFile(const ScratchDir& dir, uint64_t image_bytes, uint64_t file_bytes);
@@ -43,25 +51,32 @@ std::string MakeExt2ImageWithFile(const ScratchDir& dir, uint64_t image_bytes, u
 // Empty ext2 with 1 KiB blocks over the whole image.
 std::string MakeEmptyExt2Image(const ScratchDir& dir, uint64_t image_bytes);
 
-// XFS of the on-disk version 4 (its free-space trees are "ABTB"), with
-// `agcount` allocation groups, filled with files of which every other one is
-// freed (inode cleared, then xfs_repair), so that each group's by-block tree
-// holds many free extents. The freed files take one block, the kept ones
-// `kept_file_bytes` (0: one block).
-std::string MakeXfsImage(const ScratchDir& dir, unsigned block_size, unsigned agcount,
-                         unsigned files_per_dir, uint64_t image_bytes,
-                         uint64_t kept_file_bytes = 0);
+// mkfs.xfs options for the two on-disk versions: 4 (its free-space trees
+// are "ABTB", read with 512-byte sectors) and 5, today's default ("AB3B").
+inline constexpr const char* kXfsV4 = "-m crc=0 -s size=512";
+inline constexpr const char* kXfsV5 = "-m crc=1";
 
-// ext3 with 4 KiB blocks over the whole image, written with debugfs:
-// `kept_files` files of `kept_file_bytes`, each followed by a small file
-// that is then removed again.
-std::string MakeFilledExt3Image(const ScratchDir& dir, uint64_t image_bytes, unsigned kept_files,
-                                uint64_t kept_file_bytes);
+// XFS made with `mkfs_options`, with `agcount` allocation groups, filled with
+// files of which every other one is freed (inode cleared, then xfs_repair),
+// so that each group's by-block tree holds many free extents. The freed
+// files take one block, the kept ones `kept_file_bytes` (0: one block).
+std::string MakeXfsImage(const ScratchDir& dir, const std::string& mkfs_options,
+                         unsigned block_size, unsigned agcount, unsigned files_per_dir,
+                         uint64_t image_bytes, uint64_t kept_file_bytes = 0);
+
+// ext3 or ext4 (`fs_type`, mkfs's defaults) with 4 KiB blocks over the whole
+// image, written with debugfs: `kept_files` files of `kept_file_bytes`, each
+// followed by a small file that is then removed again.
+std::string MakeFilledExtImage(const ScratchDir& dir, const std::string& fs_type,
+                               uint64_t image_bytes, unsigned kept_files, uint64_t kept_file_bytes);
 
 // Empty ReiserFS 3.6 with 4 KiB blocks.
 std::string MakeReiserfsImage(const ScratchDir& dir, uint64_t image_bytes);
 
 std::vector<uint8_t> ReadBytes(const std::string& path, uint64_t offset, size_t count);
+// Flips the lowest bit of the little-endian 32-bit checksum at `offset` and
+// returns what a reader then logs: "0x<flipped> instead of 0x<right>".
+std::string FlipChecksumBit(const std::string& path, uint64_t offset);
 void WriteBytes(const std::string& path, uint64_t offset, const std::vector<uint8_t>& bytes);
 
 }  // namespace trak::fsmap_test

@@ -1,20 +1,26 @@
 #include "oracles.h"
 
+#include <algorithm>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 #include "images.h"
 
 namespace trak::fsmap_test {
 namespace {
 
-uint32_t Field(const std::string& text, const std::string& pattern) {
+uint64_t FieldU64(const std::string& text, const std::string& pattern) {
     std::smatch m;
     if (!std::regex_search(text, m, std::regex(pattern))) {
         throw std::runtime_error("no match for " + pattern);
     }
-    return static_cast<uint32_t>(std::stoul(m[1]));
+    return std::stoull(m[1]);
+}
+
+uint32_t Field(const std::string& text, const std::string& pattern) {
+    return static_cast<uint32_t>(FieldU64(text, pattern));
 }
 
 // Applies `state` to blocks [first, last] of `map` that lie inside it.
@@ -26,32 +32,60 @@ void MarkRange(BlockMap& map, uint64_t first, uint64_t last, bool state) {
 
 }  // namespace
 
-ExtLayout DumpE2fs(const std::string& image, uint64_t partition_blocks) {
-    const std::string out = Run("dumpe2fs " + image + " 2>/dev/null");
+ExtLayout DumpE2fs(const std::string& image, uint64_t blocks, uint64_t first) {
+    const std::string header = Run("dumpe2fs -h " + image + " 2>/dev/null");
     ExtLayout ext;
-    ext.block_size = Field(out, R"(Block size:\s+(\d+))");
-    ext.block_count = Field(out, R"(Block count:\s+(\d+))");
-    ext.first_block = Field(out, R"(First block:\s+(\d+))");
-    ext.blocks_per_group = Field(out, R"(Blocks per group:\s+(\d+))");
-
-    ext.used.assign(partition_blocks, false);
-    MarkRange(ext.used, 0, ext.block_count - 1, true);
-    const std::regex group(R"(^Group \d+:)");
-    const std::regex free_line(R"(^\s+Free blocks: (.*)$)");
-    const std::regex range(R"((\d+)(?:-(\d+))?)");
-    std::istringstream lines(out);
+    ext.block_size = Field(header, R"(Block size:\s+(\d+))");
+    ext.block_count = FieldU64(header, R"(Block count:\s+(\d+))");
+    ext.first_block = Field(header, R"(First block:\s+(\d+))");
+    ext.blocks_per_group = Field(header, R"(Blocks per group:\s+(\d+))");
     std::smatch m;
-    for (std::string line; std::getline(lines, line);) {
-        if (std::regex_search(line, group)) {
+    const std::regex cluster(R"(Cluster size:\s+(\d+))");
+    ext.cluster_size = std::regex_search(header, m, cluster) ? std::stoul(m[1]) : ext.block_size;
+    const uint64_t ratio = ext.cluster_size / ext.block_size;
+
+    ext.first = first;
+    ext.used.assign(blocks, false);
+    const auto mark = [&](uint64_t from, uint64_t to, bool state) {
+        for (uint64_t b = std::max(from, first); b <= to && b - first < blocks; b++) {
+            ext.used[b - first] = state;
+        }
+    };
+    mark(0, ext.block_count - 1, true);
+
+    // Per group: its header line, where its block bitmap is, its free list.
+    const std::string lines = Run("dumpe2fs " + image +
+                                  " 2>/dev/null | grep -E '^Group [0-9]+:|^  (Block bitmap at|Free "
+                                  "blocks:) '");
+    constexpr std::string_view kGroup = "Group ";
+    constexpr std::string_view kBitmap = "  Block bitmap at ";
+    constexpr std::string_view kFree = "  Free blocks: ";
+    std::istringstream in(lines);
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with(kGroup)) {
             ext.groups++;
             ext.group_free.push_back(0);
-        } else if (std::regex_match(line, m, free_line) && ext.groups > 0) {
-            const std::string list = m[1];
-            for (std::sregex_iterator it(list.begin(), list.end(), range), end; it != end; ++it) {
-                const uint64_t first = std::stoull((*it)[1]);
-                const uint64_t last = (*it)[2].matched ? std::stoull((*it)[2]) : first;
-                MarkRange(ext.used, first, last, false);
-                ext.group_free.back() += last - first + 1;
+            ext.uninit_groups += line.find("BLOCK_UNINIT") != std::string::npos ? 1 : 0;
+        } else if (line.starts_with(kBitmap)) {
+            // "Block bitmap at 130 (bg #0 + 130)" when another group holds it.
+            const size_t bg = line.find("(bg #");
+            if (bg != std::string::npos && std::stoul(line.substr(bg + 5)) != ext.groups - 1) {
+                ext.bitmaps_elsewhere++;
+            }
+        } else if (line.starts_with(kFree) && ext.groups > 0) {
+            // "a-b, c": with bigalloc each number is a cluster's first block.
+            std::istringstream list(line.substr(kFree.size()));
+            for (std::string range; std::getline(list, range, ',');) {
+                if (range.find_first_of("0123456789") == std::string::npos) {
+                    continue;
+                }
+                const size_t dash = range.find('-');
+                const uint64_t from = std::stoull(range);
+                const uint64_t to =
+                    (dash == std::string::npos ? from : std::stoull(range.substr(dash + 1))) +
+                    ratio - 1;
+                mark(from, to, false);
+                ext.group_free.back() += (to + 1 - from) / ratio;
             }
         }
     }
@@ -61,8 +95,9 @@ ExtLayout DumpE2fs(const std::string& image, uint64_t partition_blocks) {
 XfsLayout XfsDb(const std::string& image, uint64_t partition_blocks) {
     XfsLayout xfs;
     const std::string sb =
-        Run("xfs_db -r -c 'sb 0' -c 'print blocksize agblocks agcount' " + image);
+        Run("xfs_db -r -c 'sb 0' -c 'print blocksize sectsize agblocks agcount' " + image);
     xfs.block_size = Field(sb, R"(blocksize = (\d+))");
+    xfs.sector_size = Field(sb, R"(sectsize = (\d+))");
     xfs.agblocks = Field(sb, R"(agblocks = (\d+))");
     xfs.agcount = Field(sb, R"(agcount = (\d+))");
 

@@ -15,16 +15,24 @@ using BlockMap = std::vector<bool>;
 
 struct ExtLayout {
     uint32_t block_size = 0;
-    uint32_t block_count = 0;
+    uint32_t cluster_size = 0;  // the block size unless bigalloc
+    uint64_t block_count = 0;
     uint32_t first_block = 0;
     uint32_t blocks_per_group = 0;
     uint32_t groups = 0;
-    std::vector<uint32_t> group_free;  // free blocks of each group
-    // Blocks 0 to the first data block are used; blocks past the file
-    // system are clear; the rest are used unless dumpe2fs lists them free.
+    std::vector<uint32_t> group_free;  // free clusters of each group
+    uint32_t uninit_groups = 0;        // whose block bitmap was never written
+    uint32_t bitmaps_elsewhere = 0;    // groups whose block bitmap another holds
+    // Blocks [first, first + used.size()): blocks 0 to the first data block
+    // are used; blocks past the file system are clear; the rest are used
+    // unless dumpe2fs lists them free.
+    uint64_t first = 0;
     BlockMap used;
 };
-ExtLayout DumpE2fs(const std::string& image, uint64_t partition_blocks);
+// `blocks` blocks from block `first`. Only the lines it needs are taken from
+// dumpe2fs, which lists every group: on a file system of 2^32 blocks that
+// is 60 MB of text.
+ExtLayout DumpE2fs(const std::string& image, uint64_t blocks, uint64_t first = 0);
 
 struct XfsAgf {
     uint32_t length = 0;
@@ -36,6 +44,7 @@ struct XfsAgf {
 };
 struct XfsLayout {
     uint32_t block_size = 0;
+    uint32_t sector_size = 0;
     uint32_t agblocks = 0;
     uint32_t agcount = 0;
     std::vector<XfsAgf> agf;

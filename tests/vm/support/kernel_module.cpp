@@ -7,6 +7,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <sstream>
+
+#include "support/command.h"
 
 namespace trak::vmtest {
 
@@ -18,7 +21,31 @@ std::string ModuleDir() {
     return std::string(src != nullptr ? src : ".") + "/driver";
 }
 
+namespace {
+
+// Loads with modprobe the modules that `path` depends on (for trak.ko the
+// kernel's crc32c and crc16).
+bool LoadDependencies(const std::string& path) {
+    const CommandResult depends = RunCommand({"modinfo", "-F", "depends", path});
+    if (depends.status != 0) {
+        return false;
+    }
+    std::istringstream names(depends.output);
+    for (std::string name; std::getline(names, name, ',');) {
+        std::erase(name, '\n');
+        if (!name.empty() && RunCommand({"modprobe", name}).status != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 int LoadModule(const std::string& path, const std::string& params) {
+    if (!LoadDependencies(path)) {
+        return ENOENT;
+    }
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return errno;

@@ -10,9 +10,11 @@ namespace trak::vmtest {
 // $TRAK_SRC/driver.
 std::string ModuleDir();
 
-// Loads the module file `path` with `params` ("name=value ..."). Returns 0,
-// or the errno of opening the file or of the load (the module's own init
-// result when its init failed).
+// Loads the module file `path` with `params` ("name=value ..."), after the
+// kernel's modules it depends on (its modinfo "depends"), which the load
+// system call does not load by itself. Returns 0, or the errno of opening
+// the file or of the load (the module's own init result when its init
+// failed); ENOENT when a module it depends on cannot be loaded.
 int LoadModule(const std::string& path, const std::string& params = "");
 
 // Unloads module `name` without waiting for its users. Returns 0 or errno.

@@ -7,13 +7,6 @@
 namespace trak::vmtest {
 namespace {
 
-// Copies `text` into a fixed field, always NUL-terminated.
-void CopyField(std::span<char> field, const std::string& text) {
-    const std::size_t n = std::min(text.size(), field.size() - 1);
-    std::memcpy(field.data(), text.data(), n);
-    field[n] = '\0';
-}
-
 int MinorCommand(const ControlDevice& control, unsigned long request, std::int32_t minor) {
     trak_minor_args record{};
     record.minor = minor;
@@ -21,6 +14,12 @@ int MinorCommand(const ControlDevice& control, unsigned long request, std::int32
 }
 
 }  // namespace
+
+void CopyField(std::span<char> field, const std::string& text) {
+    const std::size_t n = std::min(text.size(), field.size() - 1);
+    std::memcpy(field.data(), text.data(), n);
+    field[n] = '\0';
+}
 
 trak_add_filter_args FilterRecord(const std::string& hdd, std::uint32_t extent_size,
                                   const std::string& bmp_dir, std::int32_t minor) {

@@ -4,6 +4,7 @@
 #define TRAK_TESTS_VM_SUPPORT_NODE_COMMANDS_H_
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,10 @@ namespace trak::vmtest {
 // empty, so that the driver chooses them.
 trak_add_filter_args FilterRecord(const std::string& hdd, std::uint32_t extent_size,
                                   const std::string& bmp_dir, std::int32_t minor = -1);
+
+// Copies `text` into a fixed string field of a record, always
+// NUL-terminated (cut short if it does not fit).
+void CopyField(std::span<char> field, const std::string& text);
 
 // Each returns the ioctl's result as ControlDevice::Ioctl does: errno on
 // failure, else the (non-negative) value the call returned.

@@ -37,7 +37,8 @@ class Descriptor {
     int error_;
 };
 
-// Reads exactly `out.size()` bytes at `offset`. Returns 0 or errno.
+}  // namespace
+
 int ReadAt(int fd, std::uint64_t offset, std::span<std::uint8_t> out) {
     std::size_t done = 0;
     while (done < out.size()) {
@@ -53,8 +54,6 @@ int ReadAt(int fd, std::uint64_t offset, std::span<std::uint8_t> out) {
     }
     return 0;
 }
-
-}  // namespace
 
 DirectBuffer::DirectBuffer(std::size_t size)
     : data_(new (std::align_val_t{kAlignment}) std::uint8_t[size]), size_(size) {}

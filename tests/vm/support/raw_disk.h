@@ -28,6 +28,10 @@ class DirectBuffer {
     std::size_t size_;
 };
 
+// Reads exactly `out.size()` bytes at `offset` of the open file `fd`.
+// Returns 0 or errno; a file that ends first is EIO.
+int ReadAt(int fd, std::uint64_t offset, std::span<std::uint8_t> out);
+
 struct DeviceSize {
     int error;  // 0 or errno
     std::uint64_t bytes;

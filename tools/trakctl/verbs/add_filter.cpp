@@ -1,9 +1,9 @@
 // trakctl add-filter: layer a filter node over a partition.
 #include <array>
 #include <string>
-#include <system_error>
 
 #include "../args.h"
+#include "../device_files.h"
 #include "verbs.h"
 
 namespace trakctl {
@@ -18,42 +18,22 @@ constexpr std::array kOptions = {
     OptionSpec{"--uuid", "UUID", "the node's uuid (default: a new one)"},
 };
 
-std::string_view required(const Invocation& invocation, std::string_view name) {
-    const auto value = invocation.options.value(name);
-    if (!value) {
-        throw UsageError("option '" + std::string(name) + "' is required");
-    }
-    return *value;
-}
-
-// The node's device file under /dev/trak, which the driver publishes in
-// /proc; empty when it made none.
-std::string device_file(const trak::ProcTree& proc, std::int32_t minor) {
-    try {
-        return proc.node_entry(minor, "dev_name");
-    } catch (const std::system_error&) {
-        return {};
-    }
-}
-
 void run_add_filter(const Invocation& invocation) {
     const trak::FilterSpec wanted{
         .hdd_name = absolute_path(invocation.args.front()),
         .minor = parse_signed_minor(invocation.options.value("--minor").value_or("-1")),
-        .extent_size = parse_size(required(invocation, "--extent-size"), "extent size"),
-        .bmp_dir = absolute_path(required(invocation, "--bitmap-dir")),
+        .extent_size = parse_size(invocation.options.required("--extent-size"), "extent size"),
+        .bmp_dir = absolute_path(invocation.options.required("--bitmap-dir")),
         .uuid = std::string(invocation.options.value("--uuid").value_or("")),
         .name = std::string(invocation.options.value("--name").value_or("")),
     };
     const trak::NodeId node = invocation.context.control().add_filter(wanted);
-    const std::string dev_name = device_file(invocation.context.proc(), node.minor);
-    const Report report{
+    Report report{
         {"minor", "minor", static_cast<std::int64_t>(node.minor)},
         {"name", "name", node.name},
         {"uuid", "uuid", node.uuid},
-        {"dev_name", "device file", dev_name},
-        {"disk", "disk device", "/dev/trak" + std::to_string(node.minor)},
     };
+    add_device_files(report, invocation.context.proc(), node.minor);
     print_report(report, invocation.format, invocation.out);
 }
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "../action_options.h"
 #include "../args.h"
-#include "../extent_ranges.h"
-#include "../json_writer.h"
+#include "../extent_report.h"
 #include "../raw_file.h"
 #include "verbs.h"
 
@@ -38,9 +38,7 @@ struct Request {
 // filter: the driver refuses bitmap commands on it and says so.
 struct BitmapShape {
     std::size_t size = 0;  // bytes
-    std::uint64_t extent_cnt = 0;
-    std::uint64_t extent_size = 0;
-    std::uint64_t dev_size = 0;
+    ExtentGeometry geometry;
 };
 
 BitmapShape shape_of(const Request& request) {
@@ -51,52 +49,9 @@ BitmapShape shape_of(const Request& request) {
     const trak::FilterInfo& filter = *info.filter;
     return {.size = request.kind == trak::BitmapKind::Incremental ? filter.incr_bmp_size
                                                                   : filter.diff_bmp_size,
-            .extent_cnt = filter.extent_cnt,
-            .extent_size = filter.extent_size,
-            .dev_size = info.dev_size};
-}
-
-void write_ranges(JsonWriter& json, const std::vector<ExtentRange>& ranges) {
-    json.begin_array();
-    for (const ExtentRange& range : ranges) {
-        json.begin_array();
-        json.value(range.first);
-        json.value(range.last);
-        json.end_array();
-    }
-    json.end_array();
-}
-
-void print_extents(const Request& request, const BitmapShape& shape,
-                   std::span<const std::uint8_t> bits) {
-    const std::vector<ExtentRange> ranges = set_extent_ranges(bits, shape.extent_cnt);
-    const std::vector<ExtentRange> bytes = byte_ranges(ranges, shape.extent_size, shape.dev_size);
-    std::ostream& out = request.invocation.out;
-    if (request.invocation.format == OutputFormat::Text) {
-        out << "extents " << format_ranges(ranges) << " of " << shape.extent_cnt << " (extent size "
-            << shape.extent_size << ")\n"
-            << "bytes " << format_ranges(bytes) << " (" << extent_count(ranges)
-            << " extents set)\n";
-        return;
-    }
-    JsonWriter json(out);
-    json.begin_object();
-    json.key("minor");
-    json.value(std::int64_t{request.minor});
-    json.key("kind");
-    json.value(bitmap_kind_name(request.kind));
-    json.key("extent_size");
-    json.value(shape.extent_size);
-    json.key("extent_cnt");
-    json.value(shape.extent_cnt);
-    json.key("set_cnt");
-    json.value(extent_count(ranges));
-    json.key("ranges");
-    write_ranges(json, ranges);
-    json.key("byte_ranges");
-    write_ranges(json, bytes);
-    json.end_object();
-    out << '\n';
+            .geometry = {.extent_size = filter.extent_size,
+                         .extent_cnt = filter.extent_cnt,
+                         .dev_size = info.dev_size}};
 }
 
 void read_bitmap(const Request& request, bool clear) {
@@ -111,7 +66,11 @@ void read_bitmap(const Request& request, bool clear) {
         write_raw_file(std::filesystem::path(*output), bits);
         return;
     }
-    print_extents(request, shape, bits);
+    const Report head{
+        {"minor", "minor", std::int64_t{request.minor}},
+        {"kind", "kind", std::string(bitmap_kind_name(request.kind))},
+    };
+    print_extents(bits, shape.geometry, head, request.invocation.format, request.invocation.out);
 }
 
 // The bytes of the --input file, checked against the bitmap's size.
@@ -197,18 +156,10 @@ const Action& find_action(std::string_view name) {
 
 // Refuses options that the action does not take.
 void check_options(const Action& action, const Invocation& invocation) {
-    for (const OptionSpec& option : kOptions) {
-        if (invocation.options.has(option.name) &&
-            std::find(action.options.begin(), action.options.end(), option.name) ==
-                action.options.end()) {
-            throw UsageError("option '" + std::string(option.name) + "' does not apply to " +
-                             std::string(action.name));
-        }
-    }
-    if (invocation.format == OutputFormat::Json &&
-        (!action.prints || invocation.options.has(kOutput))) {
+    check_action_options(invocation, action.name, kOptions, action.options, action.prints);
+    if (invocation.format == OutputFormat::Json && invocation.options.has(kOutput)) {
         throw UsageError("option '--json' does not apply to " + std::string(action.name) +
-                         (action.prints ? " with --output" : ""));
+                         " with --output");
     }
 }
 

@@ -1,5 +1,6 @@
 // trakctl del: remove a node.
 #include "../args.h"
+#include "../postponed.h"
 #include "verbs.h"
 
 namespace trakctl {
@@ -7,7 +8,10 @@ namespace trakctl {
 namespace {
 
 void run_del(const Invocation& invocation) {
-    invocation.context.control().del_node(parse_minor(invocation.args.front()));
+    const std::int32_t minor = parse_minor(invocation.args.front());
+    trak::Control& control = invocation.context.control();
+    control.del_node(minor);
+    tell_if_postponed(control, minor, SnapChange::Delete, invocation.out);
 }
 
 }  // namespace
@@ -21,7 +25,9 @@ const Verb& del_verb() {
             "Stops the node with minor MINOR and removes it; nobody may have it open.\n"
             "Removing a filter node removes its snaps first and leaves its bitmap files\n"
             "on disk, so a later add-filter with the same minor and directory picks the\n"
-            "changes up again.\n",
+            "changes up again. Removing a snap deletes its COW files; while an earlier\n"
+            "snap of the same filter is started, its removal is postponed until the\n"
+            "snaps before it are removed, and trakctl says so.\n",
         .min_args = 1,
         .max_args = 1,
         .prints = false,

@@ -1,7 +1,10 @@
 // trakctl info: one node's state as the driver reports it.
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "../args.h"
+#include "../snap_summary.h"
 #include "verbs.h"
 
 namespace trakctl {
@@ -55,8 +58,21 @@ void add_snap_fields(Report& report, const trak::SnapInfo& snap) {
                   });
 }
 
+// Each snap of the filter with its state and COW usage.
+std::vector<ReportItem> snaps_of(trak::Control& control, const trak::FilterInfo& filter) {
+    std::vector<ReportItem> items;
+    for (const std::int32_t minor : filter.snap_minors) {
+        const trak::Info snap = control.info(minor);
+        if (snap.snap) {
+            items.push_back(snap_item(snap, std::nullopt));
+        }
+    }
+    return items;
+}
+
 void run_info(const Invocation& invocation) {
-    const trak::Info info = invocation.context.control().info(parse_minor(invocation.args.front()));
+    trak::Control& control = invocation.context.control();
+    const trak::Info info = control.info(parse_minor(invocation.args.front()));
     Report report{
         {"minor", "minor", static_cast<std::int64_t>(info.minor)},
         {"dev_type", "type", type_name(info.dev_type)},
@@ -68,9 +84,11 @@ void run_info(const Invocation& invocation) {
     };
     if (info.filter) {
         add_filter_fields(report, *info.filter);
+        report.push_back({"snaps", "snaps", snaps_of(control, *info.filter)});
     }
     if (info.snap) {
         add_snap_fields(report, *info.snap);
+        add_snap_usage(report, info);
     }
     print_report(report, invocation.format, invocation.out);
 }
@@ -84,7 +102,11 @@ const Verb& info_verb() {
         .summary = "show one node's state",
         .description =
             "Shows every field that the driver reports for the node with minor MINOR\n"
-            "and that applies to its type (filter or snap).\n",
+            "and that applies to its type (filter or snap). A snap also shows its state\n"
+            "(stopped, started, stop pending or delete pending (DEFUNCT), invalid) and\n"
+            "how much of its COW store is used: the chunks preserved so far and the bytes\n"
+            "of the partition they hold, counted from its COW bitmap file. A filter also\n"
+            "shows each of its snaps that way, on a line of its own.\n",
         .min_args = 1,
         .max_args = 1,
         .prints = true,

@@ -16,10 +16,14 @@ const Verb& start_verb() {
     static const Verb verb{
         .name = "start",
         .arguments = "MINOR",
-        .summary = "start a node: a filter tracks changes from then on",
+        .summary = "start a node: a filter tracks changes, a snap fixes its point in time",
         .description =
             "Starts the node with minor MINOR. A started filter node sets the bits of\n"
-            "every extent written through it, and can be opened and mounted.\n",
+            "every extent written through it, and can be opened and mounted. Starting a\n"
+            "snap node fixes the moment it shows: its filter is started first if need be,\n"
+            "a file system mounted on the filter is frozen until no write is in flight,\n"
+            "the COW files are created afresh, and the file system's data-block map is\n"
+            "read. The snap can then be opened read-only and mounted.\n",
         .min_args = 1,
         .max_args = 1,
         .prints = false,

@@ -1,5 +1,6 @@
 // trakctl stop: switch a node off.
 #include "../args.h"
+#include "../postponed.h"
 #include "verbs.h"
 
 namespace trakctl {
@@ -7,7 +8,10 @@ namespace trakctl {
 namespace {
 
 void run_stop(const Invocation& invocation) {
-    invocation.context.control().stop(parse_minor(invocation.args.front()));
+    const std::int32_t minor = parse_minor(invocation.args.front());
+    trak::Control& control = invocation.context.control();
+    control.stop(minor);
+    tell_if_postponed(control, minor, SnapChange::Stop, invocation.out);
 }
 
 }  // namespace
@@ -19,8 +23,11 @@ const Verb& stop_verb() {
         .summary = "stop a node, saving a filter's changed bitmaps",
         .description =
             "Stops the node with minor MINOR; nobody may have it open. A filter node\n"
-            "writes its changed bitmaps to their files first. Stopping a stopped node\n"
-            "succeeds.\n",
+            "stops its snaps first and writes its changed bitmaps to their files. A snap\n"
+            "closes its COW files, which stay on disk until it is deleted; while an\n"
+            "earlier snap of the same filter is started, its stop is postponed (it is\n"
+            "DEFUNCT until that snap stops), and trakctl says so. Stopping a stopped\n"
+            "node succeeds.\n",
         .min_args = 1,
         .max_args = 1,
         .prints = false,

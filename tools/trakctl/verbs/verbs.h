@@ -15,5 +15,7 @@ const Verb& test_datablock_verb();
 const Verb& stop_verb();
 const Verb& del_verb();
 const Verb& bitmap_verb();
+const Verb& snap_verb();
+const Verb& datablock_map_verb();
 
 }  // namespace trakctl

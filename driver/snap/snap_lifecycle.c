@@ -1,0 +1,348 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * Starting, stopping and resuming snaps.  A start fixes the snap's point in
+ * time: the file system on the filter is frozen, and the snap goes live at
+ * a moment when no request of the filter is being routed.
+ *
+ * Every change of a snap's state happens under its filter's lock and then
+ * its own, in that order (the order a filter stop takes them in), and the
+ * flags the request path reads change under the filter's io_lock.
+ */
+#include <linux/blk-mq.h>
+#include <linux/blkdev.h>
+#include <linux/jiffies.h>
+#include <linux/sched.h>
+
+#include "block/lifecycle.h"
+#include "core/log.h"
+#include "core/params.h"
+#include "snap_lifecycle.h"
+#include "snaps.h"
+#include "util/bdev.h"
+
+/* How long a start waits for a moment without requests on the filter. */
+#define TRAK_QUIESCE_MS		60000
+
+static void trak_snap_lock(struct trak_blkdev *snap)
+{
+	oxmutex_lock(&snap->snap.filter->lock);
+	oxmutex_lock(&snap->lock);
+}
+
+static void trak_snap_unlock(struct trak_blkdev *snap)
+{
+	oxmutex_unlock(&snap->lock);
+	oxmutex_unlock(&snap->snap.filter->lock);
+}
+
+/* The filter started, and its COW thread running, for a snap to go live. */
+static int trak_snap_prepare_filter(struct trak_blkdev *filter)
+{
+	int rc;
+
+	if (!filter->started) {
+		rc = trak_block_start_device(filter);
+		if (rc)
+			return rc;
+	}
+	if (trak_cowthread_running(&filter->filter.cowthread))
+		return 0;
+	return trak_cowthread_start(&filter->filter.cowthread, "kcowd", filter);
+}
+
+/*
+ * Takes the filter's io_lock for writing at a moment when no request came
+ * in since the last look; returns holding it, or -EAGAIN at @deadline.
+ * There is no event for the absence of requests: between looks the start
+ * sleeps a tick.
+ */
+static int trak_snap_wait_for_quiet(struct trak_blkdev *filter,
+				    unsigned long deadline)
+{
+	struct trak_filter *f = &filter->filter;
+
+	for (;;) {
+		atomic_set(&f->io_cnt, 0);
+		oxwrite_lock(&f->io_lock);
+		if (!atomic_read(&f->io_cnt))
+			return 0;
+		oxwrite_unlock(&f->io_lock);
+		if (time_after(jiffies, deadline)) {
+			trak_log(TRAK_LOG_ERR,
+				 "%s(): Timed out waiting for FS on trak(%d, %d) (%s) to stabilize.",
+				 "trak_block_start_device", trak_blk_major,
+				 filter->minor, f->hdd_name);
+			return -EAGAIN;
+		}
+		trak_log(4, "%s(): Waiting for FS on trak(%d, %d) (%s) to stabilize...",
+			 "trak_block_start_device", trak_blk_major,
+			 filter->minor, f->hdd_name);
+		schedule_timeout_uninterruptible(1);
+	}
+}
+
+/*
+ * Called at the quiet moment, with the filter's io_lock held for writing:
+ * the writes routed before it end before the snap goes live, so that no
+ * copy the snap makes of a chunk can meet one of them half done.  The
+ * partition's own queue is drained too, for the writes passed on before
+ * the filter had snaps and so was not tracking them.
+ */
+static void trak_snap_drain_filter(struct trak_filter *f)
+{
+	struct request_queue *q = bdev_get_queue(f->hdd_bdev);
+
+	trak_aio_wait_idle(&f->aio);
+	if (queue_is_mq(q)) {
+		blk_mq_freeze_queue(q);
+		blk_mq_unfreeze_queue(q);
+	}
+}
+
+/* The point in time: frozen file system, no request in flight, snap live. */
+static int trak_snap_go_live(struct trak_blkdev *snap, unsigned long deadline)
+{
+	struct trak_blkdev *filter = snap->snap.filter;
+	struct block_device *bdev = filter->bdev;
+	int rc;
+
+	if (bdev) {
+		rc = freeze_bdev(bdev);
+		if (rc)
+			return rc;
+	}
+	rc = trak_snap_wait_for_quiet(filter, deadline);
+	if (!rc) {
+		trak_snap_drain_filter(&filter->filter);
+		/* Requests held for an earlier snap of this minor are not ours. */
+		trak_cowqueue_restamp(&filter->filter.cowqueue, snap->minor, -1);
+		WRITE_ONCE(snap->snap.snap_valid, 1);
+		WRITE_ONCE(snap->started, 1);
+		oxwrite_unlock(&filter->filter.io_lock);
+		trak_log(3, "%s(): trak(%d, %d) has been started successfully",
+			 "trak_block_start_device", trak_blk_major, snap->minor);
+	}
+	if (bdev)
+		thaw_bdev(bdev);
+	return rc;
+}
+
+static int trak_snap_start_locked(struct trak_blkdev *snap)
+{
+	unsigned long deadline = jiffies + msecs_to_jiffies(TRAK_QUIESCE_MS);
+	struct trak_snap *s = &snap->snap;
+	int rc;
+
+	if (s->stop_pending) {
+		trak_log(TRAK_LOG_ERR, "%s(): Cannot restart a DEFUNCT snap device.",
+			 "trak_block_start_device");
+		return -EINVAL;
+	}
+	rc = trak_snap_prepare_filter(s->filter);
+	if (rc)
+		return rc;
+	rc = trak_cow_store_create(&s->store, s->cow_data_fname,
+				   s->cow_data_size, s->cow_bmp_fname,
+				   s->cow_bmp_size, s->cow_chunks);
+	if (rc)
+		return rc;
+	trak_blkbmp_init(&s->datablock_bmp);
+	rc = trak_snap_go_live(snap, deadline);
+	if (rc) {
+		trak_cow_store_close(&s->store);
+		trak_blkbmp_destroy(&s->datablock_bmp);
+	}
+	return rc;
+}
+
+int trak_snap_start(struct trak_blkdev *snap)
+{
+	int rc;
+
+	trak_snap_lock(snap);
+	if (snap->started) {
+		trak_snap_unlock(snap);
+		trak_log(TRAK_LOG_ERR, "%s(): trak(%d, %d) has already been started",
+			 "trak_block_start_device", trak_blk_major, snap->minor);
+		return -EALREADY;
+	}
+	rc = trak_snap_start_locked(snap);
+	trak_snap_unlock(snap);
+	if (!rc)
+		trak_snap_map_data_blocks(snap);
+	return rc;
+}
+
+/*
+ * Reads which chunks hold file data, from the snap itself: its point in
+ * time, not the file system as it changes meanwhile.  Until the map is in
+ * place every chunk counts as data; an unreadable map stays so.
+ */
+void trak_snap_map_data_blocks(struct trak_blkdev *snap)
+{
+	struct trak_filter *f = &snap->snap.filter->filter;
+	struct trak_blkbmp map, old;
+	struct block_device *bdev;
+
+	trak_blkbmp_init(&map);
+	bdev = trak_open_bdev(MKDEV(trak_blk_major, snap->minor), FMODE_READ,
+			      NULL);
+	if (bdev)
+		trak_blkbmp_read(&map, bdev, snap->snap.chunk_size);
+	trak_close_bdev(bdev, FMODE_READ);
+
+	oxwrite_lock(&f->io_lock);
+	old = snap->snap.datablock_bmp;
+	if (map.valid && snap->started && !old.valid) {
+		snap->snap.datablock_bmp = map;
+		map = old;
+	}
+	oxwrite_unlock(&f->io_lock);
+	trak_blkbmp_destroy(&map);
+}
+
+/* Whether a snap before @snap (an older one) is started. */
+static bool trak_snap_older_started(struct trak_blkdev *snap)
+{
+	struct list_head *snaps = &snap->snap.filter->filter.snaps;
+	struct trak_blkdev *s = snap;
+
+	list_for_each_entry_continue_reverse(s, snaps, snap.snap_link) {
+		if (s->started)
+			return true;
+	}
+	return false;
+}
+
+/* The first started snap after @snap, or NULL. */
+static struct trak_blkdev *trak_snap_newer_started(struct trak_blkdev *snap)
+{
+	struct list_head *snaps = &snap->snap.filter->filter.snaps;
+	struct trak_blkdev *s = snap;
+
+	list_for_each_entry_continue(s, snaps, snap.snap_link) {
+		if (s->started)
+			return s;
+	}
+	return NULL;
+}
+
+/*
+ * The snap leaves routing first; its COW store goes once the COW thread
+ * is not working on it.
+ */
+static void trak_snap_go_offline(struct trak_blkdev *snap)
+{
+	struct trak_filter *f = &snap->snap.filter->filter;
+
+	oxwrite_lock(&f->io_lock);
+	WRITE_ONCE(snap->snap.stop_pending, 0);
+	WRITE_ONCE(snap->started, 0);
+	oxwrite_unlock(&f->io_lock);
+
+	mutex_lock(&f->cowthread.store_lock);
+	trak_cow_store_close(&snap->snap.store);
+	mutex_unlock(&f->cowthread.store_lock);
+	trak_blkbmp_destroy(&snap->snap.datablock_bmp);
+}
+
+/*
+ * Older snaps read chunks from the stores of newer ones: while one of
+ * them is started, this snap's stop waits (DEFUNCT), and the stop of the
+ * snap before it completes it.
+ */
+static int trak_snap_stop_locked(struct trak_blkdev *snap, bool *postponed)
+{
+	if (snap->use_cnt) {
+		trak_log(TRAK_LOG_ERR, "%s(): trak(%d, %d) is still being used.",
+			 "trak_block_stop_device", trak_blk_major, snap->minor);
+		return -EBUSY;
+	}
+	*postponed = trak_snap_older_started(snap);
+	if (*postponed)
+		WRITE_ONCE(snap->snap.stop_pending, 1);
+	else
+		trak_snap_go_offline(snap);
+	return 0;
+}
+
+int trak_snap_stop(struct trak_blkdev *snap)
+{
+	struct trak_blkdev *next;
+	bool postponed = false;
+	int rc = 0;
+
+	trak_snap_lock(snap);
+	if (!snap->started) {
+		trak_snap_unlock(snap);
+		return 0;
+	}
+	rc = trak_snap_stop_locked(snap, &postponed);
+	oxmutex_unlock(&snap->lock);
+	if (!rc && !postponed) {
+		next = trak_snap_newer_started(snap);
+		if (next && next->snap.stop_pending)
+			rc = trak_block_stop_device(next);
+	}
+	if (postponed)
+		trak_log(1, "%s(): Postponing stop of trak(%d, %d), since there are other snaps depending on this one.",
+			 "trak_block_stop_device", trak_blk_major, snap->minor);
+	else if (!rc)
+		trak_log(3, "%s(): trak(%d, %d) has been stopped successfully",
+			 "trak_block_stop_device", trak_blk_major, snap->minor);
+	oxmutex_unlock(&snap->snap.filter->lock);
+	return rc;
+}
+
+/* Called with the filter's lock held, before the filter stops. */
+int trak_filter_stop_snaps(struct trak_blkdev *filter)
+{
+	struct trak_blkdev *snap;
+	int rc;
+
+	list_for_each_entry(snap, &filter->filter.snaps, snap.snap_link) {
+		if (!snap->started)
+			continue;
+		rc = trak_block_stop_device(snap);
+		if (rc)
+			return rc;
+	}
+	return 0;
+}
+
+static int trak_snap_resume_locked(struct trak_blkdev *snap,
+				   const struct trak_resume_snap_args *rec)
+{
+	struct trak_snap *s = &snap->snap;
+	struct trak_filter *f = &s->filter->filter;
+	int rc;
+
+	rc = trak_snap_prepare_filter(s->filter);
+	if (rc)
+		return rc;
+	rc = trak_cow_store_open(&s->store, s->cow_data_fname,
+				 s->cow_bmp_fname, s->cow_chunks);
+	if (rc)
+		return rc;
+	trak_blkbmp_init(&s->datablock_bmp);
+
+	oxwrite_lock(&f->io_lock);
+	WRITE_ONCE(s->snap_valid, !!rec->snap_valid);
+	WRITE_ONCE(s->stop_pending, !!rec->stop_pending);
+	s->del_pending = !!rec->del_pending;
+	WRITE_ONCE(snap->started, 1);
+	oxwrite_unlock(&f->io_lock);
+	return 0;
+}
+
+/* Brings back a snap whose COW files an earlier life of the driver left. */
+int trak_snap_resume(struct trak_blkdev *snap,
+		     const struct trak_resume_snap_args *rec)
+{
+	int rc;
+
+	trak_snap_lock(snap);
+	rc = trak_snap_resume_locked(snap, rec);
+	trak_snap_unlock(snap);
+	return rc;
+}

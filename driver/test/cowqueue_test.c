@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * Unit tests of the COW queue: where requests are placed, what counts as
+ * overlapping, and how waiting bios end when the queue is purged.
+ */
+#include <linux/bio.h>
+#include <linux/blkdev.h>
+
+#include "snap/cowqueue.h"
+#include "test_bios.h"
+#include "trak_test.h"
+
+static struct trak_test_bios trak_test_q_bios;
+
+static struct bio *trak_test_q_bio(int i, sector_t sector,
+				   unsigned int sectors, bool write)
+{
+	return trak_test_bio(&trak_test_q_bios, i, sector, sectors,
+			     write ? REQ_OP_WRITE : REQ_OP_READ);
+}
+
+/* Whether the queue's requests hold, in order, the bios @order[0..n). */
+static bool trak_test_q_order(struct trak_cowqueue *q, const int *order,
+			      int n)
+{
+	struct trak_cow_request *req = NULL;
+	int i;
+
+	for (i = 0; i < n; i++) {
+		req = trak_cowqueue_next(q, req);
+		if (!req || req->bio != trak_test_q_bios.bio[order[i]])
+			return false;
+	}
+	return !trak_cowqueue_next(q, req) && trak_cowqueue_len(q) == n;
+}
+
+/* Removes every request without ending its bio. */
+static void trak_test_q_empty(struct trak_cowqueue *q)
+{
+	struct trak_cow_request *req;
+
+	while ((req = trak_cowqueue_next(q, NULL)))
+		trak_cowqueue_remove(q, req);
+}
+
+/* Reads overtake the writes they do not overlap, but never the head. */
+static int trak_test_cowqueue_read_placement(void)
+{
+	static struct trak_cowqueue q;
+	const int empty_read[] = { 0 };
+	const int second_place[] = { 0, 2, 1 };
+	const int after_third[] = { 0, 1, 2, 5, 3, 4 };
+	int rc = -EINVAL;
+	int i;
+
+	if (!TRAK_CHECK(!trak_cowqueue_init(&q)))
+		return -EINVAL;
+
+	if (!TRAK_CHECK(!trak_cowqueue_append(&q, 1, trak_test_q_bio(0, 0, 8, false),
+					      GFP_KERNEL)) ||
+	    !TRAK_CHECK(trak_test_q_order(&q, empty_read, 1)))
+		goto out;
+	trak_test_q_empty(&q);
+
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(0, 0, 8, true), GFP_KERNEL);
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(1, 64, 8, true), GFP_KERNEL);
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(2, 200, 8, false), GFP_KERNEL);
+	if (!TRAK_CHECK(trak_test_q_order(&q, second_place, 3)))
+		goto out;
+	trak_test_q_empty(&q);
+
+	/* Five writes; a read overlapping the third and nothing after it. */
+	for (i = 0; i < 5; i++)
+		trak_cowqueue_append(&q, 1, trak_test_q_bio(i, i * 64, 16, true),
+				     GFP_KERNEL);
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(5, 2 * 64 + 15, 2, false),
+			     GFP_KERNEL);
+	if (TRAK_CHECK(trak_test_q_order(&q, after_third, 6)))
+		rc = 0;
+out:
+	trak_test_q_empty(&q);
+	trak_cowqueue_destroy(&q);
+	return rc;
+}
+
+/*
+ * Overlap is of sectors, not of 4096-byte blocks; the direction asked for
+ * is the only one looked at.
+ */
+static int trak_test_cowqueue_overlap(void)
+{
+	static struct trak_cowqueue q;
+	struct bio *probe;
+	int rc = 0;
+
+	if (!TRAK_CHECK(!trak_cowqueue_init(&q)))
+		return -EINVAL;
+	/* A write of sectors 0..3 and a read of sectors 16..23. */
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(0, 0, 4, true), GFP_KERNEL);
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(1, 16, 8, false), GFP_KERNEL);
+
+	probe = trak_test_q_bio(2, 4, 4, true);		/* same block, other sectors */
+	if (!TRAK_CHECK(!trak_cowqueue_find_overlap_req(&q, 1, 1, probe)))
+		rc = -EINVAL;
+	probe = trak_test_q_bio(2, 3, 1, true);		/* the write's last sector */
+	if (!TRAK_CHECK(trak_cowqueue_find_overlap_req(&q, 0, 1, probe)) ||
+	    !TRAK_CHECK(!trak_cowqueue_find_overlap_req(&q, 1, 0, probe)))
+		rc = -EINVAL;
+	probe = trak_test_q_bio(2, 20, 64, false);	/* the read, and beyond */
+	if (!TRAK_CHECK(trak_cowqueue_find_overlap_req(&q, 1, 0, probe)) ||
+	    !TRAK_CHECK(!trak_cowqueue_find_overlap_req(&q, 0, 1, probe)))
+		rc = -EINVAL;
+	if (!TRAK_CHECK(!trak_cowqueue_overlaps_earlier(&q,
+							trak_cowqueue_next(&q, NULL))))
+		rc = -EINVAL;
+
+	trak_test_q_empty(&q);
+	trak_cowqueue_destroy(&q);
+	return rc;
+}
+
+/* A purge ends every waiting bio once, with an I/O error. */
+static int trak_test_cowqueue_purge(void)
+{
+	static struct trak_cowqueue q;
+	int i, rc = 0;
+
+	if (!TRAK_CHECK(!trak_cowqueue_init(&q)))
+		return -EINVAL;
+	for (i = 0; i < 3; i++)
+		trak_cowqueue_append(&q, 1, trak_test_q_bio(i, i * 8, 8, true),
+				     GFP_KERNEL);
+	trak_cowqueue_purge(&q);
+	for (i = 0; i < 3; i++) {
+		if (!TRAK_CHECK(trak_test_q_bios.end[i].ended == 1) ||
+		    !TRAK_CHECK(trak_test_q_bios.end[i].status == BLK_STS_IOERR))
+			rc = -EINVAL;
+	}
+	if (!TRAK_CHECK(trak_cowqueue_len(&q) == 0) ||
+	    !TRAK_CHECK(!trak_cowqueue_next(&q, NULL)))
+		rc = -EINVAL;
+	/* The last queue takes the shared pools with it; a new one remakes them. */
+	trak_cowqueue_destroy(&q);
+	if (!TRAK_CHECK(!trak_cowqueue_init(&q)))
+		return -EINVAL;
+	if (!TRAK_CHECK(!trak_cowqueue_append(&q, 1, trak_test_q_bio(0, 0, 8, true),
+					      GFP_KERNEL)))
+		rc = -EINVAL;
+	trak_test_q_empty(&q);
+	trak_cowqueue_destroy(&q);
+	return rc;
+}
+
+/* A request re-stamped for no snap keeps its place. */
+static int trak_test_cowqueue_restamp(void)
+{
+	static struct trak_cowqueue q;
+	struct trak_cow_request *req;
+	int rc = 0;
+
+	if (!TRAK_CHECK(!trak_cowqueue_init(&q)))
+		return -EINVAL;
+	trak_cowqueue_append(&q, 3, trak_test_q_bio(0, 0, 8, true), GFP_KERNEL);
+	trak_cowqueue_append(&q, 4, trak_test_q_bio(1, 8, 8, true), GFP_KERNEL);
+	trak_cowqueue_restamp(&q, 3, -1);
+	req = trak_cowqueue_next(&q, NULL);
+	if (!TRAK_CHECK(req->snap_minor == -1) ||
+	    !TRAK_CHECK(trak_cowqueue_next(&q, req)->snap_minor == 4))
+		rc = -EINVAL;
+	trak_test_q_empty(&q);
+	trak_cowqueue_destroy(&q);
+	return rc;
+}
+
+#define TRAK_TEST_Q(test)					\
+static int test##_run(void)						\
+{									\
+	return trak_test_with_bios(&trak_test_q_bios, test);		\
+}
+
+TRAK_TEST_Q(trak_test_cowqueue_read_placement)
+TRAK_TEST_Q(trak_test_cowqueue_overlap)
+TRAK_TEST_Q(trak_test_cowqueue_purge)
+TRAK_TEST_Q(trak_test_cowqueue_restamp)
+
+const struct trak_test_case trak_cowqueue_tests[] = {
+	{ "cowqueue_read_placement", trak_test_cowqueue_read_placement_run },
+	{ "cowqueue_overlap", trak_test_cowqueue_overlap_run },
+	{ "cowqueue_purge", trak_test_cowqueue_purge_run },
+	{ "cowqueue_restamp", trak_test_cowqueue_restamp_run },
+	{ }
+};
