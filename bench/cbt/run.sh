@@ -6,7 +6,8 @@
 # Boots the test VM (tests/vm/harness/run-vm.sh) and runs BUILD's cbt_bench
 # (default BUILD: build) with the module driver/trak.ko; options after BUILD
 # go to cbt_bench (--runtime SECONDS, --repeats N, --span MIB).  The VM's
-# files are left in out/bench.  Takes about 6 minutes under TCG.
+# one disk (/dev/vda) holds the trak node's bitmap files.  The VM's files
+# are left in out/bench.  Takes about 10 minutes under TCG.
 set -euo pipefail
 
 top=$(cd "$(dirname "$0")/../.." && pwd)
@@ -24,5 +25,6 @@ case $build/ in
 	;;
 esac
 
-exec "$top/tests/vm/harness/run-vm.sh" --out "$top/out/bench" --mem 3072 --timeout 1800 \
+exec "$top/tests/vm/harness/run-vm.sh" --out "$top/out/bench" --mem 3072 --timeout 2400 \
+	--disks 1 --disk-size 512M \
 	-- "$bench" --module driver/trak.ko "$@"

@@ -38,9 +38,10 @@ std::filesystem::path make_temp_dir() {
 
 }  // namespace
 
-Testbed::Testbed(const std::filesystem::path& module, std::uint32_t device_gib) {
+Testbed::Testbed(const std::filesystem::path& module, std::uint32_t device_gib,
+                 const std::string& bitmap_disk) {
     try {
-        set_up(module, device_gib);
+        set_up(module, device_gib, bitmap_disk);
     } catch (...) {
         tear_down();
         throw;
@@ -49,24 +50,27 @@ Testbed::Testbed(const std::filesystem::path& module, std::uint32_t device_gib) 
 
 Testbed::~Testbed() { tear_down(); }
 
-void Testbed::set_up(const std::filesystem::path& module, std::uint32_t device_gib) {
+void Testbed::set_up(const std::filesystem::path& module, std::uint32_t device_gib,
+                     const std::string& bitmap_disk) {
     run_command({"modprobe", "null_blk", "nr_devices=3", "gb=" + std::to_string(device_gib),
                  "bs=4096", "memory_backed=1", "irqmode=0"});
     undo_.emplace_back([] { run_command({"rmmod", "null_blk"}); });
-    targets_.push_back({"raw", "/dev/nullb0"});
+    targets_.push_back({"raw", "/dev/nullb0", false});
 
     const std::string sectors = word_from({"cat", "/sys/block/nullb1/size"});
     run_command({"dmsetup", "create", std::string(kLinearName), "--table",
                  "0 " + sectors + " linear /dev/nullb1 0"});
     undo_.emplace_back([] { run_command({"dmsetup", "remove", std::string(kLinearName)}); });
     // Without udev there may be no /dev/mapper link: use the kernel's name.
-    targets_.push_back(
-        {"dm-linear", "/dev/" + word_from({"dmsetup", "info", "-c", "--noheadings", "-o",
-                                           "blkdevname", std::string(kLinearName)})});
+    targets_.push_back({"dm-linear",
+                        "/dev/" + word_from({"dmsetup", "info", "-c", "--noheadings", "-o",
+                                             "blkdevname", std::string(kLinearName)}),
+                        false});
 
     const std::filesystem::path bitmap_dir = make_temp_dir();
     undo_.emplace_back([bitmap_dir] { std::filesystem::remove(bitmap_dir); });
-    run_command({"mount", "-t", "tmpfs", "tmpfs", bitmap_dir.string()});
+    run_command({"mkfs.ext4", "-q", "-F", bitmap_disk});
+    run_command({"mount", bitmap_disk, bitmap_dir.string()});
     undo_.emplace_back([bitmap_dir] { run_command({"umount", bitmap_dir.string()}); });
 
     // insmod, unlike modprobe, does not load what the module needs first.
@@ -81,7 +85,14 @@ void Testbed::set_up(const std::filesystem::path& module, std::uint32_t device_g
         {.hdd_name = "/dev/nullb2", .extent_size = kExtentSize, .bmp_dir = bitmap_dir.string()});
     undo_.emplace_back([minor = node.minor] { trak::Control().del_node(minor); });
     control.start(node.minor);
-    targets_.push_back({"trak", "/dev/trak" + std::to_string(node.minor)});
+    trak_minor_ = node.minor;
+    targets_.push_back({"trak", "/dev/trak" + std::to_string(node.minor), true});
+}
+
+void Testbed::clear_bitmaps() const {
+    trak::Control control;
+    control.clear_bitmap(trak_minor_, trak::BitmapKind::Incremental);
+    control.clear_bitmap(trak_minor_, trak::BitmapKind::Differential);
 }
 
 void Testbed::tear_down() noexcept {

@@ -1,5 +1,6 @@
 #include "fio.h"
 
+#include <algorithm>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
@@ -73,15 +74,58 @@ std::vector<std::string> fio_args(const std::string& device, std::string_view rw
             "--terse-version=3"};
 }
 
-}  // namespace
-
-Measurement run_fio(const std::string& device, const Workload& workload,
-                    const FioSettings& settings) {
+std::vector<std::string> timed_fio_args(const std::string& device, const Workload& workload,
+                                        const FioSettings& settings) {
     std::vector<std::string> args = fio_args(device, workload.rw, workload.block_size,
                                              workload.queue_depth, settings.span_bytes);
     args.emplace_back("--time_based");
     args.emplace_back("--runtime=" + std::to_string(settings.runtime_s));
-    return parse_terse(run_command(args));
+    return args;
+}
+
+// The values of one of fio's averaged logs ("time, value, direction, ...").
+std::vector<double> log_values(const std::filesystem::path& path) {
+    std::ifstream log(path);
+    if (!log) {
+        throw std::runtime_error("fio: no log " + path.string());
+    }
+    std::vector<double> values;
+    std::string line;
+    while (std::getline(log, line)) {
+        const std::vector<std::string_view> fields = split(line, ',');
+        if (fields.size() >= 2) {
+            std::string_view value = fields[1];
+            value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
+            values.push_back(number({value}, 1));
+        }
+    }
+    return values;
+}
+
+}  // namespace
+
+Measurement run_fio(const std::string& device, const Workload& workload,
+                    const FioSettings& settings) {
+    return parse_terse(run_command(timed_fio_args(device, workload, settings)));
+}
+
+std::vector<double> run_fio_per_second(const std::string& device, const Workload& workload,
+                                       const FioSettings& settings) {
+    const std::filesystem::path prefix = std::filesystem::temp_directory_path() / "cbt-seconds";
+    const std::string kind = workload.per_op ? "iops" : "bw";
+    std::vector<std::string> args = timed_fio_args(device, workload, settings);
+    args.emplace_back("--write_" + kind + "_log=" + prefix.string());
+    args.emplace_back("--log_avg_msec=1000");
+    parse_terse(run_command(args));
+    const std::filesystem::path log = prefix.string() + "_" + kind + ".1.log";
+    std::vector<double> values = log_values(log);
+    std::filesystem::remove(log);
+    if (!workload.per_op) {
+        for (double& value : values) {
+            value /= 1024;  // KiB/s to MiB/s
+        }
+    }
+    return values;
 }
 
 void fill_span(const std::string& device, const FioSettings& settings) {

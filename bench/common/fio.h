@@ -41,6 +41,11 @@ struct Measurement {
 Measurement run_fio(const std::string& device, const Workload& workload,
                     const FioSettings& settings);
 
+// Runs `workload` on `device` as run_fio does and returns its figure
+// second by second (fio's one-second averages).
+std::vector<double> run_fio_per_second(const std::string& device, const Workload& workload,
+                                       const FioSettings& settings);
+
 // Writes the span of `device` once, so that no measurement pays for the
 // first touch of a memory-backed device's pages.
 void fill_span(const std::string& device, const FioSettings& settings);

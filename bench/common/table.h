@@ -27,4 +27,21 @@ struct Row {
 void print_table(std::ostream& out, const std::vector<std::string>& targets,
                  const std::vector<Row>& rows);
 
+// A workload's figure in the first second of a run and in the seconds
+// after it, per target.
+struct StartRow {
+    const Workload* workload;
+    std::vector<double> first;   // per target
+    std::vector<double> steady;  // per target
+};
+
+// One line per row: for each target the first second's figure, the steady
+// figure and the ratio of the two.
+void print_start_table(std::ostream& out, const std::vector<std::string>& targets,
+                       const std::vector<StartRow>& rows);
+
+// One line per target: the latency of the first write and of the next one.
+void print_latency_table(std::ostream& out, const std::vector<std::string>& targets,
+                         const std::vector<double>& first_ms, const std::vector<double>& next_ms);
+
 }  // namespace bench

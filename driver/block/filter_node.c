@@ -17,6 +17,7 @@
 #include "core/params.h"
 #include "disk.h"
 #include "filter/bitmap.h"
+#include "filter/guard.h"
 #include "filter_node.h"
 #include "registry.h"
 #include "util/bdev.h"
@@ -141,6 +142,7 @@ static void trak_fill_filter(struct trak_blkdev *dev,
 	f->incr_bmp_size = ((f->extent_cnt - 1) >> 3) + 1;
 	f->diff_bmp_size = f->incr_bmp_size;
 	oxrwlock_init(&f->io_lock);
+	trak_guard_init(dev);
 	trak_set_bmp_files(f, rec->bmp_dir, rec->minor);
 }
 

@@ -22,7 +22,10 @@
 /* DEL_NODE of an unknown minor answers +22: agents rely on the positive value. */
 #define TRAK_DEL_UNKNOWN	EINVAL
 
-/* How long a node going away waits for its dirty-flag writes. */
+/*
+ * When a node going away says that it is still waiting for its dirty-flag
+ * writes; it waits on after that, since they use its record.
+ */
 #define TRAK_DIRTY_WAIT_SECONDS	10
 
 /* The device file, the /proc directory and the disk of a node go. */

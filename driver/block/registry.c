@@ -3,6 +3,7 @@
  * The registry of nodes: one slot per minor, the choice of a free minor and
  * the generation of node uuids.
  */
+#include <linux/nospec.h>
 #include <linux/random.h>
 #include <linux/slab.h>
 
@@ -32,12 +33,22 @@ void trak_registry_destroy(void)
 	trak_blkdev_arr = NULL;
 }
 
+/*
+ * The slot of a minor that user space chose, checked against the registry
+ * even when the CPU runs ahead of the bounds check.
+ */
+static struct trak_blkdev **trak_blkdev_slot(int minor)
+{
+	return &trak_blkdev_arr[array_index_nospec(minor,
+						   trak_max_blk_minor + 1)];
+}
+
 /* The record of @minor, or NULL; the caller holds trak_blkdev_rwlock. */
 struct trak_blkdev *trak_blkdev_find(int minor)
 {
 	if (minor < 0 || minor > trak_max_blk_minor)
 		return NULL;
-	return trak_blkdev_arr[minor];
+	return *trak_blkdev_slot(minor);
 }
 
 /*
@@ -68,7 +79,7 @@ int trak_blkdev_choose_minor(int *minor, const char *func)
 		return -ENOSPC;
 	}
 
-	if (trak_blkdev_arr[*minor]) {
+	if (*trak_blkdev_slot(*minor)) {
 		trak_log(TRAK_LOG_ERR,
 			 "%s(): Device minor number %d is already taken",
 			 func, *minor);

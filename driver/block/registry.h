@@ -7,6 +7,7 @@
 #include <linux/types.h>
 
 #include "core/oxlock.h"
+#include "filter/guard.h"
 #include "fsmap/blkbmp.h"
 #include "snap/aio.h"
 #include "snap/cow_store.h"
@@ -38,6 +39,7 @@ struct trak_filter {
 	char diff_bmp_fname[TRAK_PATH_LEN];
 	int incr_bmp_dirty;
 	int diff_bmp_dirty;
+	struct trak_guard guard;	/* writes held until their files are marked */
 	struct trak_cowthread cowthread;	/* kcowd, while snaps need it */
 	struct trak_cowqueue cowqueue;	/* requests held for copy-on-write */
 	/*

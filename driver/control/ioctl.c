@@ -4,8 +4,10 @@
  * its record in, resolves the node the record names, runs the handler and
  * copies the record back for commands that return data.
  */
+#include <linux/capability.h>
 #include <linux/fs.h>
 #include <linux/ioctl.h>
+#include <linux/nospec.h>
 #include <linux/slab.h>
 #include <linux/uaccess.h>
 
@@ -55,9 +57,10 @@ static const struct trak_command *trak_command_find(unsigned int cmd)
 {
 	unsigned int nr = _IOC_NR(cmd);
 
-	if (nr >= ARRAY_SIZE(trak_commands) || trak_commands[nr].code != cmd)
+	if (nr >= ARRAY_SIZE(trak_commands))
 		return NULL;
-	return &trak_commands[nr];
+	nr = array_index_nospec(nr, ARRAY_SIZE(trak_commands));
+	return trak_commands[nr].code == cmd ? &trak_commands[nr] : NULL;
 }
 
 /* @dev is the resolved node for commands on a node, NULL for the others. */
@@ -109,16 +112,17 @@ static int trak_command_run(const struct trak_command *c,
 static int trak_command_run_on_node(const struct trak_command *c, void *rec)
 {
 	int minor = *(s32 *)rec;
+	struct trak_blkdev *dev;
 	int rc;
 
 	oxread_lock(&trak_blkdev_rwlock);
-	if ((unsigned int)minor > (unsigned int)trak_max_blk_minor ||
-	    !trak_blkdev_arr[minor]) {
+	dev = trak_blkdev_find(minor);
+	if (!dev) {
 		trak_log(TRAK_LOG_ERR, "%s(): Invalid TRAK minor=%d",
 			 "trak_char_ioctl", minor);
 		rc = -EINVAL;
 	} else {
-		rc = trak_command_run(c, trak_blkdev_arr[minor], rec);
+		rc = trak_command_run(c, dev, rec);
 	}
 	oxread_unlock(&trak_blkdev_rwlock);
 	return rc;
@@ -137,6 +141,9 @@ long trak_char_ioctl(struct file *file, unsigned int cmd, unsigned long arg)
 
 	if (_IOC_TYPE(cmd) != TRAK_IOCTL_TYPE)
 		return -ENOTTY;
+	/* Every command acts on, or shows, devices of the whole system. */
+	if (!capable(CAP_SYS_ADMIN))
+		return -EPERM;
 	if (_IOC_DIR(cmd) != _IOC_NONE && !access_ok(uarg, size))
 		return -EFAULT;
 	if (!c) {

@@ -26,11 +26,25 @@ struct trak_bmp_ref trak_bmp_of(struct trak_blkdev *dev, unsigned int kind);
 const char *trak_bmp_kind_name(unsigned int kind);
 u32 trak_bmp_alloc_size(u32 size);
 
+/*
+ * A change of a live bitmap by a command: @apply(bits, src, nbits) runs
+ * with writes held off.  @adds_bits when it may set bits.
+ */
+struct trak_bmp_edit {
+	void (*apply)(unsigned long *bits, const unsigned long *src,
+		      unsigned int nbits);
+	const unsigned long *src;
+	bool adds_bits;
+};
+
 void trak_crc32(const u8 *buf, int len, u32 *crc);
 int trak_block_load_bmp(struct trak_blkdev *dev, unsigned int kind);
 int trak_block_save_bmp(struct trak_blkdev *dev, unsigned int kind);
 int trak_block_save_dirty_bmps(struct trak_blkdev *dev);
+int trak_block_edit_bmp(struct trak_blkdev *dev, unsigned int kind,
+			const struct trak_bmp_edit *edit);
 int trak_block_write_dirty_flag(struct trak_blkdev *dev, unsigned int kind,
 				int flag);
+void trak_block_truncate_dirty_bmp(struct trak_blkdev *dev, unsigned int kind);
 
 #endif

@@ -4,6 +4,8 @@
  * that changes a bitmap leaves its file consistent with memory.  The
  * dispatcher holds the registry lock for reading around each of them.
  */
+#include <linux/bitmap.h>
+#include <linux/err.h>
 #include <linux/string.h>
 #include <linux/uaccess.h>
 #include <linux/vmalloc.h>
@@ -68,11 +70,83 @@ static int trak_bmp_check_data(struct trak_blkdev *dev,
 	return 0;
 }
 
-/* Marks the kind changed, so that the save below writes its file. */
-static void trak_bmp_changed(struct trak_blkdev *dev, unsigned int kind)
+static void trak_bmp_apply_or(unsigned long *bits, const unsigned long *src,
+			      unsigned int nbits)
 {
-	WRITE_ONCE(*trak_bmp_of(dev, kind).dirty, 1);
-	trak_block_save_dirty_bmps(dev);
+	bitmap_or(bits, bits, src, nbits);
+}
+
+static void trak_bmp_apply_copy(unsigned long *bits, const unsigned long *src,
+				unsigned int nbits)
+{
+	bitmap_copy(bits, src, nbits);
+}
+
+static void trak_bmp_apply_fill(unsigned long *bits, const unsigned long *src,
+				unsigned int nbits)
+{
+	bitmap_fill(bits, nbits);
+}
+
+static void trak_bmp_apply_zero(unsigned long *bits, const unsigned long *src,
+				unsigned int nbits)
+{
+	bitmap_zero(bits, nbits);
+}
+
+/*
+ * A buffer for a whole bitmap in whole longs, zero past its size, as the
+ * bitmap helpers read it.
+ */
+static unsigned long *trak_bmp_buffer(const struct trak_bmp_ref *b,
+				      const char *func)
+{
+	unsigned long *buf = vzalloc(trak_bmp_alloc_size(b->size));
+
+	if (!buf)
+		trak_log(TRAK_LOG_ERR, "%s(): Failed to allocate a %d-byte buffer",
+			 func, b->size);
+	return buf;
+}
+
+/*
+ * The caller's bitmap, copied in before any lock is taken: the copy may
+ * fault.
+ */
+static unsigned long *trak_bmp_copy_in(const struct trak_bmp_ref *b, u64 data,
+				       const char *func)
+{
+	unsigned long *buf = trak_bmp_buffer(b, func);
+
+	if (!buf)
+		return ERR_PTR(-ENOMEM);
+	if (copy_from_user(buf, u64_to_user_ptr(data), b->size)) {
+		trak_log(TRAK_LOG_ERR, "%s(): Failed to copyin the bitmap",
+			 func);
+		vfree(buf);
+		return ERR_PTR(-EFAULT);
+	}
+	return buf;
+}
+
+/* Applies @apply with the caller's bitmap at @data, then saves. */
+static int trak_bmp_edit_with_user_bits(struct trak_blkdev *dev,
+					unsigned int kind, u64 data,
+					void (*apply)(unsigned long *bits,
+						      const unsigned long *src,
+						      unsigned int nbits),
+					const char *func)
+{
+	struct trak_bmp_ref b = trak_bmp_of(dev, kind);
+	struct trak_bmp_edit edit = { .apply = apply, .adds_bits = true };
+	unsigned long *buf = trak_bmp_copy_in(&b, data, func);
+
+	if (IS_ERR(buf))
+		return PTR_ERR(buf);
+	edit.src = buf;
+	trak_block_edit_bmp(dev, kind, &edit);
+	vfree(buf);
+	return 0;
 }
 
 int trak_ioctl_load_bmp(struct trak_blkdev *dev, struct trak_bmp_args *rec)
@@ -91,91 +165,56 @@ int trak_ioctl_save_bmp(struct trak_blkdev *dev, struct trak_bmp_args *rec)
 
 int trak_ioctl_clr_bmp(struct trak_blkdev *dev, struct trak_bmp_args *rec)
 {
+	static const struct trak_bmp_edit clear = {
+		.apply = trak_bmp_apply_zero
+	};
 	int rc = trak_bmp_check(dev, rec->kind, __func__, "Clearing");
-	struct trak_bmp_ref b;
 
 	if (rc)
 		return rc;
-	b = trak_bmp_of(dev, rec->kind);
-	memset(b.bits, 0, b.size);
-	trak_bmp_changed(dev, rec->kind);
+	trak_block_edit_bmp(dev, rec->kind, &clear);
 	return 0;
 }
 
 int trak_ioctl_set_bmp(struct trak_blkdev *dev,
 		       struct trak_bmp_data_args *rec)
 {
+	static const struct trak_bmp_edit fill = {
+		.apply = trak_bmp_apply_fill, .adds_bits = true
+	};
 	int rc = trak_bmp_check(dev, rec->kind, __func__, "Setting");
-	void __user *data = u64_to_user_ptr(rec->data);
 	struct trak_bmp_ref b;
 
 	if (rc)
 		return rc;
 	b = trak_bmp_of(dev, rec->kind);
-	if (!rec->size != !data) {
+	if (!rec->size != !rec->data) {
 		trak_log(TRAK_LOG_ERR,
 			 "%s(): bitmap size and bitmap data pointer must either be both NULL or both not-NULL",
 			 __func__);
 		return -EINVAL;
 	}
-	if (!data) {
+	if (!rec->data) {
 		/* Every extent changed: the next backup copies everything. */
-		memset(b.bits, 0xFF, b.size);
-	} else {
-		rc = trak_bmp_check_size(&b, rec->size, __func__);
-		if (rc)
-			return rc;
-		if (copy_from_user(b.bits, data, b.size)) {
-			trak_log(TRAK_LOG_ERR, "%s(): Failed to copyin the bitmap",
-				 __func__);
-			return -EFAULT;
-		}
+		trak_block_edit_bmp(dev, rec->kind, &fill);
+		return 0;
 	}
-	trak_bmp_changed(dev, rec->kind);
-	return 0;
+	rc = trak_bmp_check_size(&b, rec->size, __func__);
+	if (rc)
+		return rc;
+	return trak_bmp_edit_with_user_bits(dev, rec->kind, rec->data,
+					    trak_bmp_apply_copy, __func__);
 }
 
 int trak_ioctl_merge_bmp(struct trak_blkdev *dev,
 			 struct trak_bmp_data_args *rec)
 {
 	int rc = trak_bmp_check_data(dev, rec, __func__, "Merging");
-	struct trak_bmp_ref b;
-	u8 *buf, *bits;
-	int i;
 
 	if (rc)
 		return rc;
-	b = trak_bmp_of(dev, rec->kind);
-	buf = vmalloc(b.size);
-	if (!buf) {
-		trak_log(TRAK_LOG_ERR, "%s(): Failed to allocate a %d-byte buffer",
-			 __func__, b.size);
-		return -ENOMEM;
-	}
-	if (copy_from_user(buf, u64_to_user_ptr(rec->data), b.size)) {
-		trak_log(TRAK_LOG_ERR, "%s(): Failed to copyin the bitmap",
-			 __func__);
-		rc = -EFAULT;
-		goto out;
-	}
-	bits = (u8 *)b.bits;
-	for (i = 0; i < b.size; i++)
-		bits[i] |= buf[i];
-	trak_bmp_changed(dev, rec->kind);
-out:
-	vfree(buf);
-	return rc;
-}
-
-static int trak_bmp_copy_out(struct trak_bmp_data_args *rec,
-			     const struct trak_bmp_ref *b, const char *func)
-{
-	if (copy_to_user(u64_to_user_ptr(rec->data), b->bits, b->size)) {
-		trak_log(TRAK_LOG_ERR, "%s(): Failed to copyout the bitmap",
-			 func);
-		return -EFAULT;
-	}
-	return 0;
+	return trak_bmp_edit_with_user_bits(dev, rec->kind, rec->data,
+					    trak_bmp_apply_or, __func__);
 }
 
 int trak_ioctl_get_bmp(struct trak_blkdev *dev,
@@ -187,7 +226,12 @@ int trak_ioctl_get_bmp(struct trak_blkdev *dev,
 	if (rc)
 		return rc;
 	b = trak_bmp_of(dev, rec->kind);
-	return trak_bmp_copy_out(rec, &b, __func__);
+	if (copy_to_user(u64_to_user_ptr(rec->data), b.bits, b.size)) {
+		trak_log(TRAK_LOG_ERR, "%s(): Failed to copyout the bitmap",
+			 __func__);
+		return -EFAULT;
+	}
+	return 0;
 }
 
 /*
@@ -200,35 +244,34 @@ int trak_ioctl_get_and_clr_bmp(struct trak_blkdev *dev,
 {
 	int rc = trak_bmp_check_data(dev, rec, __func__,
 				     "Getting and clearing");
+	struct trak_bmp_edit give_back = {
+		.apply = trak_bmp_apply_or, .adds_bits = true
+	};
+	unsigned long *taken;
 	struct trak_bmp_ref b;
-	u8 *taken, *bits;
-	int i;
 
 	if (rc)
 		return rc;
 	b = trak_bmp_of(dev, rec->kind);
-	taken = vmalloc(b.size);
-	if (!taken) {
-		trak_log(TRAK_LOG_ERR, "%s(): Failed to allocate a %d-byte buffer",
-			 __func__, b.size);
+	taken = trak_bmp_buffer(&b, __func__);
+	if (!taken)
 		return -ENOMEM;
-	}
 
 	oxwrite_lock(&dev->filter.io_lock);
 	memcpy(taken, b.bits, b.size);
-	memset(b.bits, 0, b.size);
+	bitmap_zero(b.bits, b.size * BITS_PER_BYTE);
+	WRITE_ONCE(*b.dirty, 1);
 	oxwrite_unlock(&dev->filter.io_lock);
 
 	if (copy_to_user(u64_to_user_ptr(rec->data), taken, b.size)) {
 		trak_log(TRAK_LOG_ERR, "%s(): Failed to copyout the bitmap",
 			 __func__);
 		/* Nothing was handed out: give the bits back. */
-		bits = (u8 *)b.bits;
-		for (i = 0; i < b.size; i++)
-			bits[i] |= taken[i];
+		give_back.src = taken;
+		trak_block_edit_bmp(dev, rec->kind, &give_back);
 		rc = -EFAULT;
 	} else {
-		trak_bmp_changed(dev, rec->kind);
+		trak_block_save_dirty_bmps(dev);
 	}
 	vfree(taken);
 	return rc;

@@ -2,76 +2,74 @@
 /*
  * Request routing: every bio addressed to a trak node enters here.  A write
  * through a filter node sets the bits of the extents it touches in both
- * change bitmaps before it is passed on to the partition below.
+ * change bitmaps before it is passed on to the partition below, and waits
+ * first when a bitmap file must be marked dirty (guard.c).
  */
+#include <linux/atomic.h>
 #include <linux/bio.h>
 #include <linux/blkdev.h>
-#include <linux/bitops.h>
 
-#include "bitmap.h"
 #include "block/registry.h"
 #include "core/log.h"
 #include "core/params.h"
-#include "kdirtyd.h"
+#include "guard.h"
 #include "router.h"
 #include "snap/route.h"
 
 /*
- * Sets the bits of extents first..last; true when one of them was clear
- * and the bitmap's dirty flag was raised by this call.  Bits that are set
- * already are only read, so that the steady state costs no atomics.
+ * Every request a filter sends on leaves through here, from the request
+ * path and where held writes are released, with the filter's io_lock held
+ * for reading and io_cnt counted: with snaps, copy-on-write decides on the
+ * state of the snaps at this moment.  A bio that cannot go on is ended
+ * here, since no caller is left to end it.
  */
-static bool trak_mark_bitmap(unsigned long *bmp, int *dirty,
-			     unsigned long first, unsigned long last)
+static void trak_filter_pass(struct trak_blkdev *dev, struct bio *bio)
 {
-	bool changed = false;
-	unsigned long e;
+	struct trak_filter *f = &dev->filter;
+	int rc;
 
-	for (e = first; e <= last; e++) {
-		if (!test_bit(e, bmp) && !test_and_set_bit(e, bmp))
-			changed = true;
+	if (list_empty(&f->snaps) || !bio_sectors(bio)) {
+		bio_set_dev(bio, f->hdd_bdev);
+		submit_bio_noacct(bio);
+		return;
 	}
-	return changed && !READ_ONCE(*dirty) && !cmpxchg(dirty, 0, 1);
+	rc = trak_route_filter_with_snaps(dev, bio);
+	if (rc < 0) {
+		bio->bi_status = errno_to_blk_status(rc);
+		bio_endio(bio);
+	}
 }
 
-static void trak_mark_extents(struct trak_blkdev *dev, sector_t sector,
-			      unsigned int sectors)
+/* Marks a write's extents, then passes it on, unless it must wait. */
+static void trak_route_filter(struct trak_blkdev *dev, struct bio *bio)
 {
 	struct trak_filter *f = &dev->filter;
-	unsigned int shift = f->extent_shift - SECTOR_SHIFT;
-	unsigned long first = sector >> shift;
-	unsigned long last = (sector + sectors - 1) >> shift;
-
-	if (f->incr_bmp &&
-	    trak_mark_bitmap(f->incr_bmp, &f->incr_bmp_dirty, first, last))
-		trak_sched_write_dirty_flag(dev, TRAK_BMP_INCR);
-	if (f->diff_bmp &&
-	    trak_mark_bitmap(f->diff_bmp, &f->diff_bmp_dirty, first, last))
-		trak_sched_write_dirty_flag(dev, TRAK_BMP_DIFF);
-}
-
-/* Marks a write's extents, then passes it on, or to copy-on-write. */
-static int trak_route_filter(struct trak_blkdev *dev, struct bio *bio)
-{
-	struct trak_filter *f = &dev->filter;
-	unsigned int sectors = bio_sectors(bio);
-	int rc = 0;
 
 	oxread_lock(&f->io_lock);
 	atomic_inc(&f->io_cnt);
-
-	if (op_is_write(bio_op(bio)) && sectors)
-		trak_mark_extents(dev, bio->bi_iter.bi_sector, sectors);
-
-	if (list_empty(&f->snaps) || !sectors) {
-		bio_set_dev(bio, f->hdd_bdev);
-		submit_bio_noacct(bio);
-	} else {
-		rc = trak_route_filter_with_snaps(dev, bio);
-	}
-
+	if (!op_is_write(bio_op(bio)) || !trak_guard_write(dev, bio))
+		trak_filter_pass(dev, bio);
 	oxread_unlock(&f->io_lock);
-	return rc;
+}
+
+/*
+ * Sends on the writes that waited for their dirty marks.  Each counts as a
+ * request routed under io_lock, like a new one: a snapshot's start waits
+ * for a moment without any.
+ */
+void trak_filter_release(struct trak_blkdev *dev, struct bio_list *bios)
+{
+	struct trak_filter *f = &dev->filter;
+	struct bio *bio;
+
+	if (bio_list_empty(bios))
+		return;
+	oxread_lock(&f->io_lock);
+	while ((bio = bio_list_pop(bios))) {
+		atomic_inc(&f->io_cnt);
+		trak_filter_pass(dev, bio);
+	}
+	oxread_unlock(&f->io_lock);
 }
 
 /*
@@ -108,7 +106,7 @@ void trak_make_request(struct bio *bio)
 			 __func__, trak_blk_major, minor);
 		rc = -EIO;
 	} else if (dev->dev_type == TRAK_DEV_FILTER) {
-		rc = trak_route_filter(dev, bio);
+		trak_route_filter(dev, bio);
 	} else if (dev->dev_type == TRAK_DEV_SNAP) {
 		rc = trak_route_snap(dev, bio);
 	} else {

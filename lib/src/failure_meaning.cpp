@@ -83,6 +83,7 @@ constexpr std::array kMeanings = {
     Meaning{Command::ResumeSnap, EALREADY, "the snap is already started"},
     Meaning{Command::ResumeSnap, EIO,
             "a COW file could not be opened, or the COW bitmap file could not be read"},
+    Meaning{std::nullopt, EPERM, "only a process with CAP_SYS_ADMIN may command the driver"},
     Meaning{std::nullopt, ENOTTY, "the driver does not know this command (version mismatch?)"},
     Meaning{std::nullopt, ENOSYS, "this driver build does not implement the command yet"},
     Meaning{std::nullopt, EFAULT,

@@ -60,6 +60,8 @@ TEST(FailureMeaning, DispatcherCodesMeanTheSameForEveryCommand) {
         EXPECT_EQ(meaning(command, ENOTTY),
                   "the driver does not know this command (version mismatch?)");
         EXPECT_EQ(meaning(command, ENOSYS), "this driver build does not implement the command yet");
+        EXPECT_EQ(meaning(command, EPERM),
+                  "only a process with CAP_SYS_ADMIN may command the driver");
     }
     EXPECT_EQ(meaning(Command::GetInfo, EFAULT),
               "the driver could not copy the record or its data from or to this process, or "

@@ -150,4 +150,16 @@ int WriteWholeFile(const std::string& path, std::span<const std::uint8_t> bytes)
     return ::testing::AssertionSuccess();
 }
 
+::testing::AssertionResult IsMarkedDirtyBitmapFile(const std::string& path) {
+    const BitmapFile file = ReadBitmapFile(path);
+    if (file.error != 0) {
+        return ::testing::AssertionFailure() << path << ": errno " << file.error;
+    }
+    if (file.raw.size() < kDirtyBitmapFileSize || file.magic != kMagic || file.dirty != 1) {
+        return ::testing::AssertionFailure()
+               << path << " does not carry the dirty flag: " << Describe(file);
+    }
+    return ::testing::AssertionSuccess();
+}
+
 }  // namespace trak::vmtest

@@ -51,6 +51,10 @@ int WriteWholeFile(const std::string& path, std::span<const std::uint8_t> bytes)
                                              std::span<const std::uint8_t> bits);
 // The file is the 8-byte form of a bitmap marked dirty.
 ::testing::AssertionResult IsDirtyBitmapFile(const std::string& path);
+// The file carries the dirty flag, in the 8-byte form or still in a whole
+// file (the flag is synced before the file is cut short; a crash between
+// the two leaves the whole file): either loads as dirty.
+::testing::AssertionResult IsMarkedDirtyBitmapFile(const std::string& path);
 
 }  // namespace trak::vmtest
 

@@ -10,6 +10,7 @@
 #include "support/kernel_module.h"
 #include "support/node_commands.h"
 #include "support/proc_files.h"
+#include "support/test_disks.h"
 
 namespace trak::vmtest {
 namespace {
@@ -77,6 +78,12 @@ void FilterTest::ClearBothBitmaps(std::int32_t minor) {
         ASSERT_EQ(ClearBitmap(control_, static_cast<std::uint32_t>(minor), kind), 0)
             << KindName(kind);
     }
+}
+
+void FilterTest::KeepBitmapsOnSpareDisk(const std::string& dir) {
+    ASSERT_TRUE(Succeeds({"mkfs.ext4", "-q", "-F", kSpareDisk}));
+    ASSERT_EQ(Mount(kSpareDisk, dir, "ext4"), 0);
+    set_bmp_dir(dir);
 }
 
 int FilterTest::Mount(const std::string& device, const std::string& dir,

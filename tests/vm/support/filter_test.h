@@ -43,6 +43,9 @@ class FilterTest : public ModuleTest {
     void LoadDriverAgain();
     // Clears both bitmaps of `minor`, which leaves both files clean.
     void ClearBothBitmaps(std::int32_t minor);
+    // Makes an ext4 on the spare disk, mounts it at `dir` and makes it the
+    // bitmap directory: saves and dirty marks then wait for a disk.
+    void KeepBitmapsOnSpareDisk(const std::string& dir);
 
     // mkdir -p and mount(2); the mount is undone at the end of the test.
     [[nodiscard]] int Mount(const std::string& device, const std::string& dir,

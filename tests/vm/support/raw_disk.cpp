@@ -101,9 +101,29 @@ int DirectWriter::Fill(std::uint64_t offset, std::size_t length, std::uint8_t fi
     return Write(offset, bytes);
 }
 
+int DirectWriter::Sync() const {
+    if (fd_ < 0) {
+        return error_;
+    }
+    return fsync(fd_) == 0 ? 0 : errno;
+}
+
 int FillDirect(const std::string& path, std::uint64_t offset, std::size_t length,
                std::uint8_t fill) {
     return DirectWriter(path).Fill(offset, length, fill);
+}
+
+DiskBytes ReadDirect(const std::string& path, std::uint64_t offset, std::size_t length) {
+    const Descriptor device(path, O_RDONLY | O_DIRECT);
+    if (device.fd() < 0) {
+        return {device.error(), {}};
+    }
+    DirectBuffer buffer(length);
+    const int error = ReadAt(device.fd(), offset, buffer.bytes());
+    if (error != 0) {
+        return {error, {}};
+    }
+    return {0, {buffer.bytes().begin(), buffer.bytes().end()}};
 }
 
 int SyncDevice(const std::string& path) {

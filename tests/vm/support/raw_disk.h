@@ -56,6 +56,8 @@ class DirectWriter {
     [[nodiscard]] int Write(std::uint64_t offset, std::span<const std::uint8_t> bytes) const;
     // Writes `length` bytes `fill` at `offset`, as Write.
     [[nodiscard]] int Fill(std::uint64_t offset, std::size_t length, std::uint8_t fill) const;
+    // fsync(2): the device's write cache is flushed. Returns 0 or errno.
+    [[nodiscard]] int Sync() const;
 
   private:
     int fd_;
@@ -66,6 +68,14 @@ class DirectWriter {
 // closes it. Returns 0 or errno.
 int FillDirect(const std::string& path, std::uint64_t offset, std::size_t length,
                std::uint8_t fill);
+
+struct DiskBytes {
+    int error;  // 0 or errno
+    std::vector<std::uint8_t> bytes;
+};
+// `length` bytes at `offset` of `path`, read with O_DIRECT (offset and
+// length multiples of the logical block size).
+DiskBytes ReadDirect(const std::string& path, std::uint64_t offset, std::size_t length);
 
 // fsync(2) of the block device `path`: its cached writes are on the way
 // down and done when this returns. Returns 0 or errno.
