@@ -62,8 +62,9 @@ const Verb& datablock_map_verb() {
             "free need not be backed up. Prints them as extent ranges and as the byte\n"
             "ranges of the partition they cover; with --output, writes the raw bitmap\n"
             "instead: one bit per extent, extent e at bit e % 8 of byte e / 8. An\n"
-            "extent counts as holding data when any of its chunks does, and every\n"
-            "extent does when the map could not be read.\n",
+            "extent counts as holding data when any of its chunks does. A snap whose\n"
+            "file system was not recognised has no map: the driver then answers ENOMEM,\n"
+            "and every extent must be taken to hold data.\n",
         .min_args = 1,
         .max_args = 1,
         .prints = true,
