@@ -38,6 +38,15 @@ TEST(SnapStateFile, WrittenFileReadsBackAndLeavesNoTemporary) {
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "snaps.state.tmp"));
 }
 
+TEST(SnapStateFile, FirstWriteMakesTheMissingDirectory) {
+    const trak_test::TempDir dir;
+    const std::filesystem::path path = dir.path() / "var" / "lib" / "trak" / "snaps.state";
+
+    trakctl::write_snap_states(path, kStates);
+
+    EXPECT_EQ(trakctl::read_snap_states(path), kStates);
+}
+
 TEST(SnapStateFile, MissingFileHasNoSnaps) {
     const trak_test::TempDir dir;
 

@@ -93,6 +93,14 @@ std::vector<SavedSnap> read_snap_states(const std::filesystem::path& path) {
 
 void write_snap_states(const std::filesystem::path& path, const std::vector<SavedSnap>& snaps) {
     const std::filesystem::path temporary = path.string() + ".tmp";
+    const std::filesystem::path directory =
+        path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+    // The first shutdown after an install finds no /var/lib/trak yet.
+    std::error_code made;
+    std::filesystem::create_directories(directory, made);
+    if (made) {
+        throw std::system_error(made, "cannot create " + directory.string());
+    }
     {
         trak::FileDescriptor file =
             trak::open_file(temporary, O_WRONLY | O_CREAT | O_TRUNC, "write", 0644);
@@ -104,8 +112,6 @@ void write_snap_states(const std::filesystem::path& path, const std::vector<Save
     if (std::rename(temporary.c_str(), path.c_str()) != 0) {
         trak::throw_errno("rename " + temporary.string() + " to", path);
     }
-    const std::filesystem::path directory =
-        path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
     const trak::FileDescriptor parent = trak::open_file(directory, O_RDONLY | O_DIRECTORY, "open");
     if (::fsync(parent.get()) != 0) {
         trak::throw_errno("flush", directory);

@@ -83,6 +83,19 @@ udevadm settle --timeout=30
 check "the links go with the node" \
 	test ! -e /dev/trak/by-name/data -a ! -L /dev/trak/by-name/data
 udevadm control --exit
+
+echo "== apply and save-state, as the unit runs them"
+mkdir -p /etc/trak
+printf '[filter boot]\ndevice = %s\nminor = 4\nextent_size = 65536\nbitmap_dir = /tmp/bitmaps\n' \
+	"$hdd" >/etc/trak/trak.conf
+check "the first apply adds and starts the configured filter" \
+	grep -q "^changes made:  2$" <(/usr/sbin/trakctl apply)
+check "a second apply changes nothing" \
+	grep -q "^changes made:  0$" <(/usr/sbin/trakctl apply)
+check "save-state writes its file" /usr/sbin/trakctl save-state
+check "the state file is where the unit's next apply looks" test -f /var/lib/trak/snaps.state
+check "stop the applied filter" /usr/sbin/trakctl stop 4
+check "del the applied filter" /usr/sbin/trakctl del 4
 check "rmmod trak" rmmod trak
 
 echo "== dpkg -r"
