@@ -609,7 +609,11 @@ class TrakctlSmokeTest : public SnapTest, public ::testing::WithParamInterface<V
         }
         try {
             const trak_test::JsonValue json = trak_test::parse_json(got.out);
-            EXPECT_EQ(json.keys, c.json_keys) << what << " printed:\n" << got.out;
+            // Every object leads with the version of its format.
+            std::vector<std::string> keys = {"format_version"};
+            keys.insert(keys.end(), c.json_keys.begin(), c.json_keys.end());
+            EXPECT_EQ(json.keys, keys) << what << " printed:\n" << got.out;
+            EXPECT_EQ(json.at("format_version").text, "1") << what << " printed:\n" << got.out;
         } catch (const std::exception& e) {
             ADD_FAILURE() << what << " printed no JSON (" << e.what() << "):\n" << got.out;
         }
