@@ -80,3 +80,14 @@ void trak_disk_make_dev_file(struct trak_blkdev *dev)
 	if (!trak_mknod(path, 1, trak_blk_major, dev->minor))
 		strscpy(dev->dev_name, path, sizeof(dev->dev_name));
 }
+
+/*
+ * A node's disk appears before the node is started, when it cannot be
+ * opened yet, so udev could not look at it then (it opens every disk it
+ * processes); a change event once it can be opened lets udev make its
+ * links, as device-mapper's resume does.
+ */
+void trak_disk_announce_started(struct trak_blkdev *dev)
+{
+	kobject_uevent(&disk_to_dev(dev->disk)->kobj, KOBJ_CHANGE);
+}

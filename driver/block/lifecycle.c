@@ -8,6 +8,7 @@
 
 #include "core/log.h"
 #include "core/params.h"
+#include "disk.h"
 #include "filter/bitmap.h"
 #include "lifecycle.h"
 #include "registry.h"
@@ -32,6 +33,7 @@ int trak_block_start_device(struct trak_blkdev *dev)
 	trak_log(3, "%s(): trak(%d, %d) has been started successfully",
 		 __func__, trak_blk_major, dev->minor);
 	oxmutex_unlock(&dev->lock);
+	trak_disk_announce_started(dev);
 	return 0;
 }
 

@@ -13,6 +13,7 @@
 #include <linux/jiffies.h>
 #include <linux/sched.h>
 
+#include "block/disk.h"
 #include "block/lifecycle.h"
 #include "core/log.h"
 #include "core/params.h"
@@ -171,8 +172,10 @@ int trak_snap_start(struct trak_blkdev *snap)
 	}
 	trak_snap_unlock(snap);
 	thaw_bdev(fs_bdev);
-	if (!rc)
+	if (!rc) {
 		trak_snap_map_data_blocks(snap);
+		trak_disk_announce_started(snap);
+	}
 	return rc;
 }
 
@@ -347,5 +350,7 @@ int trak_snap_resume(struct trak_blkdev *snap,
 	trak_snap_lock(snap);
 	rc = trak_snap_resume_locked(snap, rec);
 	trak_snap_unlock(snap);
+	if (!rc)
+		trak_disk_announce_started(snap);
 	return rc;
 }
