@@ -18,7 +18,8 @@ namespace trakctl {
 
 enum class StepAction : std::uint8_t { AddFilter, AddSnap, ResumeSnap, Start };
 
-// One change. Only the spec that belongs to `action` is filled in.
+// One change. Only the record its action needs is filled in: `filter` to
+// add a filter, `snap` to add a snap, `state` to resume one.
 struct Step {
     StepAction action;
     std::string name;  // the node's
