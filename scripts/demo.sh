@@ -12,19 +12,14 @@
 set -euo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source=scripts/vm-inputs.sh
+. "$top/scripts/vm-inputs.sh"
 build=${1:-build}
 [[ $build == /* ]] || build=$top/$build
 trakctl=$build/tools/trakctl/trakctl
 out=$top/out/demo
 
-[ -x "$trakctl" ] || { echo "demo: no $trakctl: run 'make tools' first"; exit 1; }
-[ -f "$top/driver/trak.ko" ] || { echo "demo: no driver/trak.ko: run 'make module' first"; exit 1; }
-case $build/ in
-/tmp/* | /run/*)
-	echo "demo: the VM has its own /tmp and /run: build outside them, not in $build"
-	exit 1
-	;;
-esac
+check_vm_inputs demo "$trakctl" "$build"
 
 # The harness prints the guest's output only when the VM is gone: follow
 # it live instead, and keep the harness's own lines.

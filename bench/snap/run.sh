@@ -8,4 +8,4 @@
 # (--repeats N, --span MIB; larger ones suit KVM). The VM's files and the
 # report, snap-bench.txt, are left in out/bench-snap. One round (the
 # default) takes about 5 minutes under TCG, each further one about 4 more.
-exec "$(dirname "$0")/../common/run-in-vm.sh" bench-snap bench/snap/snap_bench bench-snap "$@"
+exec "$(dirname "$0")/../common/run-in-vm.sh" bench-snap bench/snap/snap_bench bench-snap -- "$@"
