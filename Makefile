@@ -72,7 +72,7 @@ check: module tools lint san
 check-debug: tools
 	scripts/check-debug.sh $(BUILD)
 
-fuzz: tools san
+fuzz: module tools san
 	tests/fuzz/run-fsmap-fuzz.sh $(SAN_BUILD)/tests/fuzz/fsmap_fuzz \
 		$(SAN_BUILD)/tests/fuzz/make_fsmap_seeds $(SAN_BUILD)/fuzz-fsmap $(FUZZ_SECONDS)
 	TRAK_FUZZ_CALLS=$(FUZZ_CALLS) scripts/fuzz-ioctl.sh $(BUILD)
@@ -88,8 +88,8 @@ bench-cbt: module tools
 bench-snap: module tools
 	bench/snap/run.sh $(BUILD)
 
-# Builds only what gets installed, so that an install needs neither the
-# test suites nor the kernel.
+# Builds only what gets installed (libtrak and trakctl), so that an install
+# needs no kernel; configuring still looks for GoogleTest.
 install:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 	cmake --build $(BUILD) -j $(JOBS) --target trak trakctl

@@ -1,8 +1,8 @@
 #!/bin/sh
 # Usage: check-debug.sh BUILD
 #
-# Runs every VM test (CTest label "vm": the suite, the crash test, the
-# ioctl fuzzer, the harness's self-tests) on the debug kernel, with the
+# Runs every VM test (CTest label "vm": the suite, the crash tests, the
+# ioctl fuzzer, the package test, the harness's self-tests) on the debug kernel, with the
 # driver built for it.  The kernel is built first when this machine has
 # none yet (debug-kernel.sh: once per machine, and long).
 #

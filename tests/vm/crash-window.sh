@@ -33,7 +33,7 @@ while [ "$cycle" -le "$cycles" ]; do
 	fi
 	status=0
 	# shellcheck disable=SC2086 # $disks is a list of options
-	"$here/harness/run-vm.sh" --out "$boot" $disks --timeout 300 -- "$@" "$suite" \
+	"$here/harness/run-vm.sh" --out "$boot" $disks --timeout $((300 * ${TRAK_VM_TIME_FACTOR:-1})) -- "$@" "$suite" \
 		--gtest_filter=CrashWindowTest.WriteNeverReachesDiskBeforeItsDirtyMark \
 		>"$boot.log" 2>&1 || status=$?
 	[ -f "$boot/outcomes" ] && cat "$boot/outcomes"

@@ -118,9 +118,11 @@ TEST_F(PermissionTest, EveryCommandNeedsSysAdmin) {
     }
     close(results[1]);
     std::vector<int> errors(kEveryCommand.size() + 1, -1);
+    // The child's few results fit in the pipe: wait for it first, so that a
+    // child stuck in a command fails the test instead of blocking the read.
+    ASSERT_EQ(WaitForChild(child, std::chrono::seconds(30)), 0);
     const ssize_t got = read(results[0], errors.data(), errors.size() * sizeof(int));
     close(results[0]);
-    ASSERT_EQ(WaitForChild(child, std::chrono::seconds(30)), 0);
     ASSERT_EQ(got, static_cast<ssize_t>(errors.size() * sizeof(int)));
 
     ASSERT_EQ(errors[0], 0) << "dropping CAP_SYS_ADMIN";

@@ -31,7 +31,7 @@ check() {
 	shift
 	if "$@"; then ok "$what"; else fail "$what"; fi
 }
-# same FILE_OR_LINK EXPECTED DESCRIPTION: compares a link's target.
+# same_link LINK EXPECTED DESCRIPTION: compares a link's target.
 same_link() {
 	local got
 	got=$(readlink "$1")

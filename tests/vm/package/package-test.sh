@@ -6,8 +6,8 @@
 #   package-test.sh OUT_DIR DEB_DIR
 #
 # The VM gets one small scratch disk for a filter node. DKMS compiles the
-# module inside the VM, which under TCG is most of the run's time: more
-# than 20 minutes on two heavily shared cores.
+# module inside the VM, which under TCG is most of the run's time: about
+# 5 minutes on two otherwise idle cores, more than 20 on heavily shared ones.
 set -eu
 out=$1
 debs=$(cd "$2" && pwd)
