@@ -47,7 +47,7 @@ struct trak_filter {
 	 * routing looks at: the snaps list, a snap's started flag.
 	 */
 	struct oxrwlock io_lock;
-	atomic_t io_cnt;		/* requests routed under io_lock */
+	atomic_t io_cnt;		/* set by a request since a snap start cleared it */
 	struct trak_aio aio;		/* clones in flight to the partition */
 };
 
