@@ -1,5 +1,5 @@
 #!/bin/bash
-# `make bench`: the change-tracking benchmark, in the test VM.
+# `make bench-cbt`: the change-tracking benchmark, in the test VM.
 #
 #   bench/cbt/run.sh [BUILD] [CBT_BENCH_OPTIONS...]
 #

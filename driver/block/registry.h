@@ -66,7 +66,7 @@ struct trak_snap {
 	struct trak_blkbmp datablock_bmp;	/* which chunks hold file data */
 	u64 cow_data_size;
 	u32 cow_bmp_size;
-	int snap_valid;			/* 0 once copying failed: never again 1 */
+	int snap_valid;			/* 0 once copying failed, until a restart */
 	int stop_pending;
 	int del_pending;
 };

@@ -1,5 +1,6 @@
 // Writes the file-system fuzzer's seed inputs into a directory: ext2, ext3,
-// ext4 without 64bit and metadata_csum, XFS version 4 and ReiserFS images
+// ext4 (defaults, and without 64bit and metadata_csum), XFS versions 4 and
+// 5 and ReiserFS images
 // made by the real mkfs tools, with used and free blocks mixed, encoded as
 // in fuzz_image.h.
 //
