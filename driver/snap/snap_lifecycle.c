@@ -120,15 +120,42 @@ static int trak_snap_go_live(struct trak_blkdev *snap, unsigned long deadline)
 	return 0;
 }
 
+/* The first started snap after @snap, or NULL. */
+static struct trak_blkdev *trak_snap_newer_started(struct trak_blkdev *snap)
+{
+	struct list_head *snaps = &snap->snap.filter->filter.snaps;
+	struct trak_blkdev *s = snap;
+
+	list_for_each_entry_continue(s, snaps, snap.snap_link) {
+		if (s->started)
+			return s;
+	}
+	return NULL;
+}
+
 static int trak_snap_start_locked(struct trak_blkdev *snap)
 {
 	unsigned long deadline = jiffies + msecs_to_jiffies(TRAK_QUIESCE_MS);
 	struct trak_snap *s = &snap->snap;
+	struct trak_blkdev *newer;
 	int rc;
 
 	if (s->stop_pending) {
 		trak_log(TRAK_LOG_ERR, "%s(): Cannot restart a DEFUNCT snap device.",
 			 "trak_block_start_device");
+		return -EINVAL;
+	}
+	/*
+	 * Writes are preserved for the newest started snap, and an older
+	 * snap reads what the newer ones preserved: that holds only while
+	 * the snaps of a filter go live in the order they were added.
+	 */
+	newer = trak_snap_newer_started(snap);
+	if (newer) {
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): Cannot start trak(%d, %d) while trak(%d, %d), added after it, is started.",
+			 "trak_block_start_device", trak_blk_major, snap->minor,
+			 trak_blk_major, newer->minor);
 		return -EINVAL;
 	}
 	rc = trak_snap_prepare_filter(s->filter);
@@ -218,19 +245,6 @@ static bool trak_snap_older_started(struct trak_blkdev *snap)
 			return true;
 	}
 	return false;
-}
-
-/* The first started snap after @snap, or NULL. */
-static struct trak_blkdev *trak_snap_newer_started(struct trak_blkdev *snap)
-{
-	struct list_head *snaps = &snap->snap.filter->filter.snaps;
-	struct trak_blkdev *s = snap;
-
-	list_for_each_entry_continue(s, snaps, snap.snap_link) {
-		if (s->started)
-			return s;
-	}
-	return NULL;
 }
 
 /*

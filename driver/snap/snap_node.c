@@ -122,14 +122,21 @@ static int trak_fit_chunk_size(u32 *chunk_size, u64 dev_size,
 		 func, asked, dev_size);
 	trak_log(TRAK_LOG_ERR, "%s(): We have automatically increased it to %d",
 		 func, *chunk_size);
-	if (*chunk_size > TRAK_COW_GROUP_BYTES) {
-		/* kcowd copies a chunk within one group of pages. */
-		trak_log(TRAK_LOG_ERR,
-			 "%s(): Chunk size %d is larger than a COW group (%d bytes).",
-			 func, *chunk_size, TRAK_COW_GROUP_BYTES);
-		return -EINVAL;
-	}
 	return 0;
+}
+
+/*
+ * kcowd copies whole chunks within one group of pages: a chunk larger than
+ * the group would make a group that holds no chunk at all.
+ */
+static int trak_check_chunk_fits_group(u32 chunk_size, const char *func)
+{
+	if (chunk_size <= TRAK_COW_GROUP_BYTES)
+		return 0;
+	trak_log(TRAK_LOG_ERR,
+		 "%s(): Chunk size %d is larger than a COW group (%d bytes).",
+		 func, chunk_size, TRAK_COW_GROUP_BYTES);
+	return -EINVAL;
 }
 
 static void trak_fill_snap(struct trak_blkdev *dev, struct trak_blkdev *filter,
@@ -175,6 +182,8 @@ static int trak_add_snap_locked(struct trak_add_snap_args *rec,
 	if (!rc)
 		rc = trak_fit_chunk_size(&rec->chunk_size,
 					 filter->filter.dev_size, func);
+	if (!rc)
+		rc = trak_check_chunk_fits_group(rec->chunk_size, func);
 	if (rc)
 		return rc;
 

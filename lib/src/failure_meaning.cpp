@@ -41,8 +41,9 @@ constexpr std::array kMeanings = {
             "the filter has 256 snaps already, or every minor is in use"},
     Meaning{Command::DelNode, EBUSY, "the node, or one of its snaps, is open or cannot be stopped"},
     Meaning{Command::StartNode, EINVAL,
-            "no node with that minor, or the snap is DEFUNCT (its stop is pending) and cannot be "
-            "restarted"},
+            "no node with that minor, the snap is DEFUNCT (its stop is pending) and cannot be "
+            "restarted, or a snap added after it to the same filter is started (snaps start in "
+            "the order they were added)"},
     Meaning{Command::StartNode, EALREADY, "the node is already started"},
     Meaning{Command::StartNode, EIO, "a COW file could not be created or written"},
     Meaning{Command::StartNode, EAGAIN,

@@ -75,8 +75,10 @@ TEST_F(TrakctlNodeFailure, StartOfAnUnknownMinor) {
 
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err,
-              "trakctl: start 9: TRAK_START_NODE failed: EINVAL (no node with that minor, or the "
-              "snap is DEFUNCT (its stop is pending) and cannot be restarted)." +
+              "trakctl: start 9: TRAK_START_NODE failed: EINVAL (no node with that minor, the "
+              "snap is DEFUNCT (its stop is pending) and cannot be restarted, or a snap added "
+              "after it to the same filter is started (snaps start in the order they were "
+              "added))." +
                   std::string(trak_test::kSeeKernelLog));
 }
 

@@ -255,7 +255,9 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(BadChunk{0, "Chunk size must be a power of 2"},
                       BadChunk{12288, "Chunk size must be a power of 2"},
                       BadChunk{2048, "Chunk size must be a multiple of page size (4096B)"},
-                      BadChunk{512, "Chunk size must be a multiple of page size (4096B)"}),
+                      BadChunk{512, "Chunk size must be a multiple of page size (4096B)"},
+                      BadChunk{8U << 20,
+                               "Chunk size 8388608 is larger than a COW group (4194304 bytes)."}),
     [](const ::testing::TestParamInfo<BadChunk>& info) {
         return "Chunk" + std::to_string(info.param.chunk_size);
     });

@@ -72,7 +72,9 @@ TEST_P(PointInTimeTest, SnapEqualsThePartitionAtItsStartAfterMixedWrites) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(ChunkSizes, PointInTimeTest, ::testing::Values(4096U, 65536U), ChunkName);
+// 4 MiB is the largest chunk: a COW group of one chunk.
+INSTANTIATE_TEST_SUITE_P(ChunkSizes, PointInTimeTest, ::testing::Values(4096U, 65536U, 4194304U),
+                         ChunkName);
 
 class NeverPausedTest : public SnapTest, public ::testing::WithParamInterface<std::uint32_t> {};
 

@@ -80,6 +80,17 @@ class SnapLifecycleTest : public SnapTest {
         }
     }
 
+    // The start of @minor is refused because @later, added after it, is
+    // started; @minor stays stopped.
+    void ExpectStartRefusedWhileLaterStarted(std::int32_t minor, std::int32_t later) {
+        EXPECT_EQ(StartNode(control(), minor), EINVAL);
+
+        EXPECT_TRUE(log().Contains(LogPattern::Error("trak_block_start_device(): Cannot start " +
+                                                     NodeName(minor) + " while " + NodeName(later) +
+                                                     ", added after it, is started.")));
+        ExpectStarted(minor, 0, 0);
+    }
+
     [[nodiscard]] const std::string& hdd() const { return hdd_; }
 
   private:
@@ -409,6 +420,39 @@ TEST_F(SnapLifecycleTest, RestartedSnapTakesANewPointInTime) {
     ASSERT_EQ(snap.error, 0);
     ASSERT_EQ(now.error, 0);
     EXPECT_TRUE(SameImage(snap.bytes, now.bytes, kChunk));
+}
+
+// A write is preserved only for the newest started snap, and older snaps
+// read what newer ones preserved; so a snap added earlier cannot start
+// while a later one is started: it would read the later snap's older data.
+TEST_F(SnapLifecycleTest, SnapCannotStartWhileOneAddedAfterItIsStarted) {
+    ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd(), kExtent, 0, true));
+    ASSERT_NO_FATAL_FAILURE(AddSnapNode(0, kChunk, 1));
+    ASSERT_NO_FATAL_FAILURE(AddSnapNode(0, kChunk, 2));
+    ASSERT_EQ(StartNode(control(), 2), 0);
+    const ReadBack at_start = ReadWholeDevice(hdd());
+    ASSERT_EQ(at_start.error, 0);
+    {
+        const DirectWriter origin(NodeDevice(0));
+        ASSERT_EQ(origin.Fill(std::uint64_t{5} * kChunk, kChunk, 0x55), 0);
+    }
+    log().Mark();
+
+    ExpectStartRefusedWhileLaterStarted(1, 2);
+    EXPECT_FALSE(std::filesystem::exists(CowDataPath(1))) << "the refused start made COW files";
+    const ReadBack snap = ReadWholeDevice(NodeDevice(2));
+    ASSERT_EQ(snap.error, 0);
+    EXPECT_TRUE(SameImage(snap.bytes, at_start.bytes, kChunk)) << "the later snap changed";
+
+    // Restarting the earlier snap of two started ones is the same case.
+    ASSERT_EQ(StopNode(control(), 2), 0);
+    ASSERT_EQ(StartNode(control(), 1), 0);
+    ASSERT_EQ(StartNode(control(), 2), 0);
+    ASSERT_EQ(StopNode(control(), 1), 0);
+    ExpectStarted(2, 1, 0);
+    log().Mark();
+
+    ExpectStartRefusedWhileLaterStarted(1, 2);
 }
 
 }  // namespace
