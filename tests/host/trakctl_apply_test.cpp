@@ -337,9 +337,57 @@ TEST_F(TrakctlApply, DriverRefusalRemovesWhatWasAdded) {
     EXPECT_EQ(result.status, 1);
     EXPECT_TRUE(result.err.starts_with("trakctl: apply: TRAK_START_NODE failed: EIO"))
         << result.err;
+    EXPECT_TRUE(
+        result.err.ends_with("Removed again: filter logs (minor 1), filter data (minor 0).\n"))
+        << result.err;
     EXPECT_EQ(count(Command::DelNode), 2U);
     EXPECT_THROW(runner.driver().node(0), std::out_of_range);
     EXPECT_THROW(runner.driver().node(1), std::out_of_range);
+}
+
+// Removing a snap node deletes its COW files, and removing its filter
+// removes the snap: an undo past the snap's addition would destroy the
+// snapshot it was added to bring back.
+TEST_F(TrakctlApply, RefusedResumeKeepsTheSnapItsCowFilesAndItsFilter) {
+    files.write("snaps.state", "nightly 4 1 0 0\n");
+    runner.driver().on(Command::ResumeSnap, [](void*) { return -EIO; });
+
+    const auto result = apply({"--json"});
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(result.err.starts_with("trakctl: apply: TRAK_RESUME_SNAP failed: EIO"))
+        << result.err;
+    EXPECT_TRUE(result.err.ends_with(
+        "Removed again: filter logs (minor 1). Kept, since removing them would delete the saved "
+        "COW files: snap nightly (minor 4), not resumed, filter data (minor 0). Once the cause "
+        "is mended, resume a snap that was not resumed with 'trakctl snap resume' and the state "
+        "from the state file.\n"))
+        << result.err;
+    EXPECT_EQ(count(Command::DelNode), 1U);
+    EXPECT_NO_THROW(runner.driver().node(4));
+    EXPECT_NO_THROW(runner.driver().node(0));
+    EXPECT_THROW(runner.driver().node(1), std::out_of_range);
+    const auto json = parse_json(result.out);
+    EXPECT_EQ(json.at("errno").text, "EIO");
+}
+
+TEST_F(TrakctlApply, RefusalAfterAResumeKeepsTheResumedSnap) {
+    files.write("snaps.state", "nightly 4 1 0 0\n");
+    // Resuming starts filter data; only filter logs is started by apply,
+    // and that start is refused.
+    runner.driver().on(Command::StartNode, [](void*) { return -EIO; });
+
+    const auto result = apply();
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(result.err.ends_with(
+        "Removed again: filter logs (minor 1). Kept, since removing them would delete the saved "
+        "COW files: snap nightly (minor 4), filter data (minor 0). Once the cause is mended, "
+        "resume a snap that was not resumed with 'trakctl snap resume' and the state from the "
+        "state file.\n"))
+        << result.err;
+    EXPECT_EQ(count(Command::DelNode), 1U);
+    EXPECT_EQ(runner.driver().node(4).started, 1);
 }
 
 TEST_F(TrakctlApply, BadConfigurationIsNamedAndChangesNothing) {
@@ -372,6 +420,22 @@ TEST_F(TrakctlApply, SaveStateWritesTheConfiguredSnapsTheDriverHas) {
     const auto json = parse_json(result.out);
     EXPECT_EQ(json.at("snap_cnt").text, "1");
     EXPECT_EQ(json.at("snaps").items.at(0).at("name").text, "nightly");
+}
+
+// Writes since a snap's stop were not preserved for it: resumed after
+// the next boot, it would show a mix of two points in time.
+TEST_F(TrakctlApply, SaveStateLeavesOutStoppedSnaps) {
+    files.write("snaps.state", "nightly 4 1 0 0\n");
+    ASSERT_EQ(apply().status, 0);
+    runner.driver().node(4).started = 0;
+    const std::string config = path("trak.conf");
+    const std::string state = path("snaps.state");
+
+    const auto result = runner.run({"save-state", "--config", config, "--state", state});
+
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(files.read("snaps.state"),
+              "# written by trakctl save-state: NAME MINOR VALID STOP_PENDING DEL_PENDING\n");
 }
 
 TEST_F(TrakctlApply, SaveStateLeavesOutSnapsTheDriverLacks) {

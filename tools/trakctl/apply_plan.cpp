@@ -1,7 +1,5 @@
 #include "apply_plan.h"
 
-#include <trak/error.h>
-
 #include <algorithm>
 #include <cctype>
 #include <map>
@@ -251,23 +249,6 @@ class Planner {
     std::set<std::string, std::less<>> started_by_resume_;
 };
 
-void carry_out_step(const Step& step, trak::Control& control) {
-    switch (step.action) {
-        case StepAction::AddFilter:
-            control.add_filter(step.filter);
-            break;
-        case StepAction::AddSnap:
-            control.add_snap(step.snap);
-            break;
-        case StepAction::ResumeSnap:
-            control.resume_snap(step.state);
-            break;
-        case StepAction::Start:
-            control.start(step.minor);
-            break;
-    }
-}
-
 }  // namespace
 
 std::string_view step_action_name(StepAction action) {
@@ -287,28 +268,6 @@ std::string_view step_action_name(StepAction action) {
 ApplyPlan plan_apply(const Config& config, const std::vector<SavedSnap>& saved,
                      trak::Control& control, const std::filesystem::path& mounts_file) {
     return Planner(config, saved, control, mounts_file).plan();
-}
-
-void carry_out(const ApplyPlan& plan, trak::Control& control) {
-    std::vector<std::int32_t> added;
-    try {
-        for (const Step& step : plan.steps) {
-            carry_out_step(step, control);
-            if (step.action == StepAction::AddFilter || step.action == StepAction::AddSnap) {
-                added.push_back(step.minor);
-            }
-        }
-    } catch (const trak::DriverError&) {
-        // Snaps were added after their filters: remove them first.
-        for (; !added.empty(); added.pop_back()) {
-            try {
-                control.del_node(added.back());
-            } catch (const trak::DriverError&) {
-                // The driver's refusal of the step is what the user must see.
-            }
-        }
-        throw;
-    }
 }
 
 }  // namespace trakctl

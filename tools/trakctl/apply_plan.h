@@ -55,9 +55,4 @@ std::string_view step_action_name(StepAction action);
 ApplyPlan plan_apply(const Config& config, const std::vector<SavedSnap>& saved,
                      trak::Control& control, const std::filesystem::path& mounts_file);
 
-// Makes the changes in order. When the driver refuses one, the nodes added
-// so far are removed again, so that nothing is left half done, and the
-// driver's error is thrown.
-void carry_out(const ApplyPlan& plan, trak::Control& control);
-
 }  // namespace trakctl

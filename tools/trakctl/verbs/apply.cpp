@@ -4,6 +4,7 @@
 #include <string>
 
 #include "../apply_plan.h"
+#include "../apply_steps.h"
 #include "../boot_files.h"
 #include "../config_file.h"
 #include "../snap_state_file.h"
@@ -95,9 +96,11 @@ const Verb& apply_verb() {
             "is already as configured. A snap the state file does not list is not\n"
             "added. Refuses, changing nothing, when a partition to add a filter over is\n"
             "mounted or missing, when a node differs from the configuration, or when a\n"
-            "COW file to resume from is missing; should the driver refuse a change, the\n"
-            "nodes added so far are removed again. Prints each change and each node left\n"
-            "as it was. Running it again changes nothing.\n",
+            "COW file to resume from is missing. Should the driver refuse a change, the\n"
+            "nodes added so far are removed again, except a snap added from saved COW\n"
+            "files and its filter (removing either would delete the files); the error\n"
+            "names what was removed and what was kept. Prints each change and each node\n"
+            "left as it was. Running it again changes nothing.\n",
         .min_args = 0,
         .max_args = 0,
         .prints = true,

@@ -24,7 +24,9 @@ std::vector<SavedSnap> configured_snap_states(const Config& config, trak::Contro
             continue;
         }
         const trak::Info info = control.info(snap.minor);
-        if (info.name != snap.name || !info.snap) {
+        // A stopped snap missed the writes since its stop: its COW files
+        // no longer hold its point in time, so it must not be resumed.
+        if (info.name != snap.name || !info.snap || !info.started) {
             continue;
         }
         states.push_back({.name = snap.name,
@@ -75,10 +77,11 @@ const Verb& save_state_verb() {
         .summary = "save the configured snaps' states for apply after the next boot",
         .description =
             "Writes the state (valid, stop pending, delete pending) of every snap of the\n"
-            "configuration that the driver has, with the name and minor configured, to\n"
-            "the state file, replacing it as a whole: a crash leaves the old file or the\n"
-            "new one. Snaps the driver does not have are left out, so that apply does\n"
-            "not resume them.\n",
+            "configuration that the driver has started, with the name and minor\n"
+            "configured, to the state file, replacing it as a whole: a crash leaves the\n"
+            "old file or the new one. Snaps the driver does not have are left out, so\n"
+            "that apply does not resume them, and so are stopped snaps: writes since the\n"
+            "stop were not preserved for them.\n",
         .min_args = 0,
         .max_args = 0,
         .prints = true,
