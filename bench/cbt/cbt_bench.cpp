@@ -13,12 +13,11 @@
 // 4 KiB writes are timed: the first after the clear, then the next one.
 //
 // Needs root, fio, dmsetup, mkfs.ext4, the null_blk module and a disk for
-// the bitmap files: it is meant for the test VM (bench/cbt/run.sh), where
-// it owns the machine.
+// the bitmap files, which it formats: it is meant for the test VM
+// (bench/cbt/run.sh), where it owns the machine.
 //
-//   cbt_bench [--module PATH] [--bitmap-disk PATH] [--runtime SECONDS]
+//   cbt_bench --bitmap-disk PATH [--module PATH] [--runtime SECONDS]
 //             [--repeats N] [--span MIB]
-#include <charconv>
 #include <cstdint>
 #include <exception>
 #include <iomanip>
@@ -31,6 +30,7 @@
 
 #include "fio.h"
 #include "first_write.h"
+#include "options.h"
 #include "table.h"
 #include "testbed.h"
 
@@ -47,43 +47,28 @@ constexpr std::uint32_t kStartRuntimeSeconds = 5;
 
 struct Options {
     std::filesystem::path module = "driver/trak.ko";
-    std::string bitmap_disk = "/dev/vda";
+    std::string bitmap_disk;
     std::uint32_t runtime_s = 8;
     std::uint32_t repeats = 3;
     std::uint32_t span_mib = 256;
 };
 
-std::uint32_t positive(std::string_view option, std::string_view text) {
-    std::uint32_t value = 0;
-    const auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc() || ptr != text.data() + text.size() || value == 0) {
-        throw std::invalid_argument(std::string(option) + " needs a positive number, not '" +
-                                    std::string(text) + "'");
-    }
-    return value;
-}
-
 Options parse_options(std::span<char*> args) {
     Options options;
-    for (std::size_t i = 0; i < args.size(); i += 2) {
-        const std::string_view option = args[i];
-        if (i + 1 == args.size()) {
-            throw std::invalid_argument(std::string(option) + " needs a value");
-        }
-        const std::string_view value = args[i + 1];
-        if (option == "--module") {
-            options.module = value;
-        } else if (option == "--bitmap-disk") {
-            options.bitmap_disk = value;
-        } else if (option == "--runtime") {
-            options.runtime_s = positive(option, value);
-        } else if (option == "--repeats") {
-            options.repeats = positive(option, value);
-        } else if (option == "--span") {
-            options.span_mib = positive(option, value);
-        } else {
-            throw std::invalid_argument("unknown option " + std::string(option));
-        }
+    bench::parse_option_pairs(
+        args,
+        {{"--module", [&](std::string_view value) { options.module = value; }},
+         {"--bitmap-disk", [&](std::string_view value) { options.bitmap_disk = value; }},
+         {"--runtime",
+          [&](std::string_view value) { options.runtime_s = bench::positive("--runtime", value); }},
+         {"--repeats",
+          [&](std::string_view value) { options.repeats = bench::positive("--repeats", value); }},
+         {"--span",
+          [&](std::string_view value) { options.span_mib = bench::positive("--span", value); }}});
+    // The disk is made into a new ext4: it has no default, so that no run
+    // can wipe a disk nobody named.
+    if (options.bitmap_disk.empty()) {
+        throw std::invalid_argument("--bitmap-disk is required (its contents are destroyed)");
     }
     if (std::uint64_t{options.span_mib} > std::uint64_t{kDeviceGiB} * 1024) {
         throw std::invalid_argument("--span exceeds the devices' " + std::to_string(kDeviceGiB) +

@@ -9,4 +9,4 @@
 # one disk (/dev/vda) holds the trak node's bitmap files.  The VM's files
 # are left in out/bench.  Takes about 10 minutes under TCG.
 exec "$(dirname "$0")/../common/run-in-vm.sh" bench bench/cbt/cbt_bench bench \
-	--timeout 2400 --disks 1 --disk-size 512M -- "$@"
+	--timeout 2400 --disks 1 --disk-size 512M -- "${1:-build}" --bitmap-disk /dev/vda "${@:2}"
