@@ -102,7 +102,7 @@ int trak_cow_store_read(struct trak_cow_store *s, loff_t off, void *buf,
 
 int trak_cow_store_sync_data(struct trak_cow_store *s)
 {
-	return s->data_file ? trak_fsync(s->data_file) : 0;
+	return s->data_file ? trak_fdatasync(s->data_file) : 0;
 }
 
 int trak_cow_store_mark(struct trak_cow_store *s, u32 chunk, gfp_t gfp)
@@ -112,7 +112,7 @@ int trak_cow_store_mark(struct trak_cow_store *s, u32 chunk, gfp_t gfp)
 
 int trak_cow_store_sync_bitmap(struct trak_cow_store *s)
 {
-	return s->bmp_file ? trak_fsync(s->bmp_file) : 0;
+	return s->bmp_file ? trak_fdatasync(s->bmp_file) : 0;
 }
 
 void trak_cow_store_discard(const char *data_fname)

@@ -428,6 +428,19 @@ static void trak_cow_read_group(struct trak_cow_work *w,
 }
 
 /* Preserves the group's chunks in the COW store of its snap. */
+/*
+ * A write may reach the partition once its chunk's copy is durable: copies
+ * that might not survive a crash preserve nothing, and the snap goes.
+ */
+static void trak_cow_check_sync(struct trak_blkdev *snap, int rc,
+				const char *stage, const char *fname)
+{
+	if (!rc || !trak_snap_usable(snap))
+		return;
+	trak_log(TRAK_LOG_ERR, "%s(): Failed to sync %s: %d", stage, fname, rc);
+	trak_snap_invalidate(snap, stage);
+}
+
 static void trak_cow_preserve(struct trak_cow_work *w,
 			      struct trak_cow_group *g)
 {
@@ -464,7 +477,8 @@ static void trak_cow_preserve(struct trak_cow_work *w,
 					 page_address(w->pages[i]), PAGE_SIZE))
 			trak_snap_invalidate(snap, "write_cowed_page");
 	}
-	trak_cow_store_sync_data(store);
+	trak_cow_check_sync(snap, trak_cow_store_sync_data(store),
+			    "write_cowed_page", snap->snap.cow_data_fname);
 
 	for (i = 0; i < g->cnt; i++) {
 		if (!trak_snap_usable(snap))
@@ -472,7 +486,8 @@ static void trak_cow_preserve(struct trak_cow_work *w,
 		if (trak_cow_store_mark(store, w->chunks[i], GFP_NOIO))
 			trak_snap_invalidate(snap, "mark_chunk_cowed");
 	}
-	trak_cow_store_sync_bitmap(store);
+	trak_cow_check_sync(snap, trak_cow_store_sync_bitmap(store),
+			    "mark_chunk_cowed", snap->snap.cow_bmp_fname);
 	for (i = 0; i < pages; i++)
 		bio_uninit(w->bios[i]);
 }

@@ -152,11 +152,15 @@ int trak_ftruncate(const char *path)
 	return 0;
 }
 
-int trak_fsync(struct trak_file *file)
+/*
+ * A data sync: block allocation reaches the journal, a change of times
+ * alone does not cost a commit.
+ */
+int trak_fdatasync(struct trak_file *file)
 {
 	if (WARN_ON(!file) || !file->filp || !file->filp->f_op->fsync)
 		return 0;
-	return vfs_fsync(file->filp, 0);
+	return vfs_fsync(file->filp, 1);
 }
 
 /* The file's size in bytes, or -EINVAL for an invalid handle. */

@@ -1,15 +1,16 @@
 // Failures of copy-on-write never hurt the origin: when the COW store
-// fills up, or a chunk cannot be read from the partition, the snap that
-// was being served and every snap started before it are invalidated and
-// their COW data files truncated; the held writes still land on the
-// partition intact, reads of the invalid snaps fail with EIO, nothing
-// hangs, the kernel warns of nothing, and the driver unloads.
+// fills up or cannot be synced, or a chunk cannot be read from the
+// partition, the snap that was being served and every snap started before
+// it are invalidated and their COW data files truncated; the held writes
+// still land on the partition intact, reads of the invalid snaps fail with
+// EIO, nothing hangs, the kernel warns of nothing, and the driver unloads.
 #include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "support/child_process.h"
+#include "support/command.h"
 #include "support/cow_files.h"
 #include "support/device_image.h"
 #include "support/image_writes.h"
@@ -149,6 +150,44 @@ TEST_F(SnapFailureTest, UnreadableChunkInvalidatesTheSnapAndTheOnesBeforeIt) {
     ExpectInvalidated(1, kCowDir);
     EXPECT_TRUE(WriteThroughFilter({{7 * kChunk + 512, RandomBytes(1024, 46)}}, image));
     ExpectOriginIntactAndCleanUnload(loop, image);
+}
+
+// S2's COW files are on a file system whose disk fails every write from
+// after the start on: kcowd's copies reach the page cache, but their sync
+// fails, so they would not survive a crash and preserve nothing.
+TEST_F(SnapFailureTest, CowStoreThatCannotSyncInvalidatesTheSnapAndTheOnesBeforeIt) {
+    constexpr const char* kFailingStore = "/mnt/trak-cow-failing";
+    constexpr const char* kStoreName = "trak-cow-store";
+    constexpr std::uint64_t kStoreBytes = 64 << 20;
+    const std::string store_loop = AttachLoop(kStoreBytes, 512);
+    ASSERT_FALSE(store_loop.empty());
+    const std::string sectors = std::to_string(kStoreBytes / 512);
+    const std::string store =
+        CreateMappedDevice(kStoreName, "0 " + sectors + " linear " + store_loop + " 0\n");
+    ASSERT_FALSE(store.empty());
+    ASSERT_TRUE(Succeeds({"mkfs.ext2", "-q", "-F", store}));
+    ASSERT_EQ(Mount(store, kFailingStore, "ext2"), 0);
+    std::vector<std::uint8_t> image = RandomBytes(kHddBytes, 47);
+    const std::string hdd = AttachLoopHolding(image);
+    ASSERT_FALSE(hdd.empty());
+    ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd, kExtent, 0, true));
+    ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 1));
+    ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 2, kFailingStore));
+    ASSERT_TRUE(ReplaceMappedTable(kStoreName, "0 " + sectors + " error\n"));
+    log().Mark();
+
+    EXPECT_TRUE(WriteThroughFilter({{std::uint64_t{3} * kChunk, RandomBytes(kChunk, 48)}}, image));
+
+    EXPECT_TRUE(log().Contains(LogPattern::Error("write_cowed_page(): Failed to sync " +
+                                                 CowDataPath(2, kFailingStore) + ": -5")));
+    EXPECT_TRUE(log().ContainsInOrder(
+        {ThreadLine("write_cowed_page(): Invalidating snap device " + NodeName(2)),
+         ThreadLine("write_cowed_page(): Invalidating snap device " + NodeName(1))}));
+    ExpectInvalidated(2, kFailingStore);
+    ExpectInvalidated(1, kCowDir);
+    EXPECT_TRUE(WriteThroughFilter({{std::uint64_t{9} * kChunk, RandomBytes(4096, 49)}}, image));
+    ExpectOriginIntactAndCleanUnload(hdd, image);
+    EXPECT_EQ(Unmount(kFailingStore), 0) << "before its device-mapper device goes";
 }
 
 }  // namespace

@@ -161,7 +161,7 @@ int trak_fread(struct trak_file* file, loff_t off, void* buf, int count) {
     return done;
 }
 
-int trak_fsync(struct trak_file* file) { return fsync(file->fd) != 0 ? -errno : 0; }
+int trak_fdatasync(struct trak_file* file) { return fdatasync(file->fd) != 0 ? -errno : 0; }
 
 loff_t trak_fsize(struct trak_file* file) {
     struct stat st {};

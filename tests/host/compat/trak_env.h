@@ -181,7 +181,7 @@ struct trak_file* trak_fopen(const char* path, int flags, int mode);
 int trak_fread(struct trak_file* file, loff_t off, void* buf, int count);
 int trak_fwrite(struct trak_file* file, loff_t off, const void* buf, int count);
 int trak_fclose(struct trak_file* file);
-int trak_fsync(struct trak_file* file);
+int trak_fdatasync(struct trak_file* file);
 loff_t trak_fsize(struct trak_file* file);
 int trak_ftruncate(const char* path);
 

@@ -120,13 +120,20 @@ void SnapTest::MountSmallFileSystem(std::uint64_t bytes, std::vector<std::string
     ASSERT_EQ(Mount(loop, dir, fs_type), 0) << "mounting " << loop << " on " << dir;
 }
 
-std::string SnapTest::CreateMappedDevice(const std::string& name, const std::string& table) {
-    // A table of several lines is read from a file.
+namespace {
+
+// dmsetup reads a table of several lines from a file.
+std::string TableFile(const std::string& name, const std::string& table) {
     const std::string table_file = "/tmp/" + name + ".table";
-    {
-        std::ofstream out(table_file);
-        out << table;
-    }
+    std::ofstream out(table_file);
+    out << table;
+    return table_file;
+}
+
+}  // namespace
+
+std::string SnapTest::CreateMappedDevice(const std::string& name, const std::string& table) {
+    const std::string table_file = TableFile(name, table);
     if (!Succeeds({"modprobe", "dm_mod"}) || !Succeeds({"dmsetup", "create", name, table_file})) {
         ADD_FAILURE() << "dmsetup create " << name << " with the table:\n" << table;
         return {};
@@ -138,6 +145,12 @@ std::string SnapTest::CreateMappedDevice(const std::string& name, const std::str
         return {};
     }
     return "/dev/mapper/" + name;
+}
+
+bool SnapTest::ReplaceMappedTable(const std::string& name, const std::string& table) {
+    return Succeeds({"dmsetup", "suspend", name}) &&
+           Succeeds({"dmsetup", "load", name, TableFile(name, table)}) &&
+           Succeeds({"dmsetup", "resume", name});
 }
 
 LogPattern SnapTest::ThreadLine(std::string_view text) {

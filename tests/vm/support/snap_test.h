@@ -66,6 +66,10 @@ class SnapTest : public FilterTest {
     // reported.
     std::string CreateMappedDevice(const std::string& name, const std::string& table);
 
+    // Swaps the table of the device-mapper device `name` for `table`
+    // (suspended for the swap); false if dmsetup failed.
+    static bool ReplaceMappedTable(const std::string& name, const std::string& table);
+
     // A line that a thread of the driver's own (kcowd) logs at an
     // informational level, tagged with its pid: "<pid>: " and exactly
     // `text`.
