@@ -110,12 +110,23 @@ class TrakctlApply : public ::testing::Test {
         });
     }
 
-    trak_test::RunResult apply(std::initializer_list<std::string_view> extra = {}) const {
+    // `verb` ("apply" or "save-state") with the test's configuration and
+    // state file, and the `extra` arguments.
+    trak_test::RunResult run_with_boot_files(
+        std::string_view verb, std::initializer_list<std::string_view> extra = {}) const {
         const std::string config = path("trak.conf");
         const std::string state = path("snaps.state");
-        std::vector<std::string_view> args = {"apply", "--config", config, "--state", state};
+        std::vector<std::string_view> args = {verb, "--config", config, "--state", state};
         args.insert(args.end(), extra.begin(), extra.end());
         return runner.run(args);
+    }
+
+    trak_test::RunResult apply(std::initializer_list<std::string_view> extra = {}) const {
+        return run_with_boot_files("apply", extra);
+    }
+
+    trak_test::RunResult save_state(std::initializer_list<std::string_view> extra = {}) const {
+        return run_with_boot_files("save-state", extra);
     }
 
     // How many requests of `command` the driver got.
@@ -408,10 +419,8 @@ TEST_F(TrakctlApply, SaveStateWritesTheConfiguredSnapsTheDriverHas) {
     trak_info_args& snap = runner.driver().node(4);
     snap.snap_valid = 0;
     snap.del_pending = 1;
-    const std::string config = path("trak.conf");
-    const std::string state = path("snaps.state");
 
-    const auto result = runner.run({"save-state", "--config", config, "--state", state, "--json"});
+    const auto result = save_state({"--json"});
 
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(files.read("snaps.state"),
@@ -428,10 +437,8 @@ TEST_F(TrakctlApply, SaveStateLeavesOutStoppedSnaps) {
     files.write("snaps.state", "nightly 4 1 0 0\n");
     ASSERT_EQ(apply().status, 0);
     runner.driver().node(4).started = 0;
-    const std::string config = path("trak.conf");
-    const std::string state = path("snaps.state");
 
-    const auto result = runner.run({"save-state", "--config", config, "--state", state});
+    const auto result = save_state();
 
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(files.read("snaps.state"),
@@ -439,15 +446,12 @@ TEST_F(TrakctlApply, SaveStateLeavesOutStoppedSnaps) {
 }
 
 TEST_F(TrakctlApply, SaveStateLeavesOutSnapsTheDriverLacks) {
-    const std::string config = path("trak.conf");
-    const std::string state = path("snaps.state");
-
-    const auto result = runner.run({"save-state", "--config", config, "--state", state});
+    const auto result = save_state();
 
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(files.read("snaps.state"),
               "# written by trakctl save-state: NAME MINOR VALID STOP_PENDING DEL_PENDING\n");
-    EXPECT_EQ(result.out, "state file:  " + state + "\nsnaps saved: 0\n");
+    EXPECT_EQ(result.out, "state file:  " + path("snaps.state") + "\nsnaps saved: 0\n");
 }
 
 }  // namespace
