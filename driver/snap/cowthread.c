@@ -596,16 +596,3 @@ int trak_cowthread_shutdown(struct trak_cowthread *ctl)
 	trak_cowthread_stop(ctl);
 	return 0;
 }
-
-int trak_cowthread_abort(struct trak_cowthread *ctl)
-{
-	if (!ctl)
-		return -EINVAL;
-	if (!ctl->task)
-		return 0;
-	trak_log(1, "%s(): Aborting COW thread %s (pid=%d)...", __func__,
-		 ctl->name, ctl->pid);
-	trak_cowthread_stop(ctl);
-	trak_cowqueue_purge(&ctl->dev->filter.cowqueue);
-	return 0;
-}

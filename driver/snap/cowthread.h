@@ -41,8 +41,6 @@ int trak_cowthread_start(struct trak_cowthread *ctl, const char *name,
 			 struct trak_blkdev *dev);
 /* Lets the queue drain, then stops the thread. */
 int trak_cowthread_shutdown(struct trak_cowthread *ctl);
-/* Stops the thread at once; the requests still waiting fail. */
-int trak_cowthread_abort(struct trak_cowthread *ctl);
 
 static inline bool trak_cowthread_running(const struct trak_cowthread *ctl)
 {
