@@ -27,12 +27,12 @@ class TrakctlContract : public ::testing::Test {
 TEST_F(TrakctlContract, VersionOnTrakctlAndOnEveryVerb) {
     const auto result = runner.run({"--version"});
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "trakctl 0.1.0\n");
+    EXPECT_EQ(result.out, "trakctl " TRAK_PROJECT_VERSION "\n");
     EXPECT_EQ(result.err, "");
     for (const trakctl::Verb* verb : trakctl::verb_table()) {
         const auto verb_result = runner.run({verb->name, "--version"});
         EXPECT_EQ(verb_result.status, 0) << verb->name;
-        EXPECT_EQ(verb_result.out, "trakctl 0.1.0\n") << verb->name;
+        EXPECT_EQ(verb_result.out, "trakctl " TRAK_PROJECT_VERSION "\n") << verb->name;
     }
     EXPECT_TRUE(runner.opened().empty());
 }
