@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
-#include <sstream>
 #include <system_error>
 
 #include "command.h"
@@ -73,12 +72,7 @@ void Testbed::set_up(const std::filesystem::path& module, std::uint32_t device_g
     run_command({"mount", bitmap_disk, bitmap_dir.string()});
     undo_.emplace_back([bitmap_dir] { run_command({"umount", bitmap_dir.string()}); });
 
-    // insmod, unlike modprobe, does not load what the module needs first.
-    std::istringstream depends(word_from({"modinfo", "-F", "depends", module.string()}));
-    for (std::string name; std::getline(depends, name, ',');) {
-        run_command({"modprobe", name});
-    }
-    run_command({"insmod", module.string()});
+    bench::load_module(module);
     undo_.emplace_back([] { run_command({"rmmod", "trak"}); });
     trak::Control control;
     const trak::NodeId node = control.add_filter(

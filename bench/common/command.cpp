@@ -5,9 +5,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -109,6 +111,16 @@ std::string run_command(const std::vector<std::string>& argv) {
         throw std::runtime_error("'" + joined(argv) + "' failed: " + errors);
     }
     return output;
+}
+
+void load_module(const std::filesystem::path& module) {
+    std::string depends = run_command({"modinfo", "-F", "depends", module.string()});
+    std::replace(depends.begin(), depends.end(), ',', ' ');
+    std::istringstream names(depends);
+    for (std::string name; names >> name;) {
+        run_command({"modprobe", name});
+    }
+    run_command({"insmod", module.string()});
 }
 
 }  // namespace bench

@@ -8,7 +8,6 @@
 #include <exception>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 #include <system_error>
 
 #include "command.h"
@@ -99,14 +98,7 @@ void Testbed::make_cow_file_system() {
 void Testbed::add_filter(const std::filesystem::path& module) {
     const std::filesystem::path bitmap_dir = cow_dir_ / "bitmaps";
     std::filesystem::create_directory(bitmap_dir);
-    // insmod, unlike modprobe, does not load what the module needs first.
-    std::string depends = bench::run_command({"modinfo", "-F", "depends", module.string()});
-    std::replace(depends.begin(), depends.end(), ',', ' ');
-    std::istringstream names(depends);
-    for (std::string name; names >> name;) {
-        bench::run_command({"modprobe", name});
-    }
-    bench::run_command({"insmod", module.string()});
+    bench::load_module(module);
     undo_.emplace_back([] { bench::run_command({"rmmod", "trak"}); });
     trak::Control control;
     const trak::NodeId node = control.add_filter(
