@@ -124,7 +124,7 @@ namespace {
 
 // dmsetup reads a table of several lines from a file.
 std::string TableFile(const std::string& name, const std::string& table) {
-    const std::string table_file = "/tmp/" + name + ".table";
+    std::string table_file = "/tmp/" + name + ".table";
     std::ofstream out(table_file);
     out << table;
     return table_file;
