@@ -198,6 +198,13 @@ int trak_ioctl_add_filter_node(struct trak_add_filter_args *rec)
 				    bdev_logical_block_size(probe), __func__);
 	if (rc)
 		goto out_probe;
+	/* An empty device (a loop device with no file) has no extent to track. */
+	if (!bdev_nr_bytes(probe)) {
+		trak_log(TRAK_LOG_ERR, "%s(): HDD device %s is empty.", __func__,
+			 rec->hdd_name);
+		rc = -EINVAL;
+		goto out_probe;
+	}
 
 	dev = kzalloc(sizeof(*dev), GFP_KERNEL);
 	if (!dev) {

@@ -26,8 +26,8 @@ constexpr std::string_view kBadBitmapKind =
 constexpr std::array kMeanings = {
     Meaning{Command::AddFilterNode, EINVAL,
             "the path is empty or not a block device, a filter already covers that partition, "
-            "the partition cannot be opened, the extent size is bad, or the minor is too big or "
-            "taken"},
+            "the partition cannot be opened or is empty, the extent size is bad, or the minor is "
+            "too big or taken"},
     Meaning{Command::AddFilterNode, ENOENT, "the partition's device file cannot be looked up"},
     Meaning{Command::AddFilterNode, EBUSY, "the partition is mounted or already open"},
     Meaning{Command::AddFilterNode, ENOSPC, "every minor is in use"},

@@ -172,8 +172,8 @@ TEST_F(TrakctlAddFilter, ExtentSizesThatAreNoPowerOfTwoAreTheDriversToRefuse) {
     EXPECT_EQ(result.err,
               "trakctl: add-filter /dev/vda: TRAK_ADD_FILTER_NODE failed: EINVAL (the path is "
               "empty or not a block device, a filter already covers that partition, the "
-              "partition cannot be opened, the extent size is bad, or the minor is too big or "
-              "taken). See the kernel log (dmesg) for the driver's message.\n");
+              "partition cannot be opened or is empty, the extent size is bad, or the minor is "
+              "too big or taken). See the kernel log (dmesg) for the driver's message.\n");
 }
 
 TEST_F(TrakctlAddFilter, AMountedPartitionIsRefusedWithTheMeaning) {

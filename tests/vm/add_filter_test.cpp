@@ -168,6 +168,15 @@ INSTANTIATE_TEST_SUITE_P(
                       BadExtent{12288, "Extent size must be a power of 2"},
                       BadExtent{0, "Extent size must be a power of 2"}));
 
+// A loop device over an empty file has no sectors: counting its extents
+// from its size less one would make bitmaps of 2^32 extents.
+TEST_F(AddFilterTest, EmptyHddIsRefused) {
+    const std::string loop = AttachLoop(0, 512);
+    ASSERT_FALSE(loop.empty());
+
+    ExpectRefused(loop, kExtent, EINVAL, "HDD device " + loop + " is empty.");
+}
+
 TEST_F(AddFilterTest, ExtentSizeMustBeMultipleOfBlockSize) {
     const std::string loop = AttachLoop(1 << 20, 4096);
     ASSERT_FALSE(loop.empty());

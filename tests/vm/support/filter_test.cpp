@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <sstream>
+#include <string>
 
 #include "support/command.h"
 #include "support/kernel_module.h"
@@ -119,9 +121,16 @@ std::string FilterTest::AttachLoop(std::uint64_t bytes, std::uint32_t sector_siz
         ADD_FAILURE() << "losetup: " << attached.output;
         return {};
     }
-    std::string device = attached.output.substr(0, attached.output.find('\n'));
-    loops_.push_back(device);
-    return device;
+    // The output holds losetup's warnings too (such as for an empty file).
+    std::istringstream lines(attached.output);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("/dev/loop")) {
+            loops_.push_back(line);
+            return line;
+        }
+    }
+    ADD_FAILURE() << "losetup named no device: " << attached.output;
+    return {};
 }
 
 }  // namespace trak::vmtest
