@@ -427,7 +427,6 @@ static void trak_cow_read_group(struct trak_cow_work *w,
 	wait_event(w->reads_done, !atomic_read(&w->reads_left));
 }
 
-/* Preserves the group's chunks in the COW store of its snap. */
 /*
  * A write may reach the partition once its chunk's copy is durable: copies
  * that might not survive a crash preserve nothing, and the snap goes.
@@ -441,6 +440,7 @@ static void trak_cow_check_sync(struct trak_blkdev *snap, int rc,
 	trak_snap_invalidate(snap, stage);
 }
 
+/* Preserves the group's chunks in the COW store of its snap. */
 static void trak_cow_preserve(struct trak_cow_work *w,
 			      struct trak_cow_group *g)
 {

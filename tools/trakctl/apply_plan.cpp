@@ -79,14 +79,6 @@ std::vector<std::string> snap_differences(const trak::Info& node, const SnapConf
     return differences;
 }
 
-std::string joined(const std::vector<std::string>& parts) {
-    std::string text;
-    for (const std::string& part : parts) {
-        text.append(text.empty() ? "" : ", ").append(part);
-    }
-    return text;
-}
-
 class Planner {
   public:
     Planner(const Config& config, const std::vector<SavedSnap>& saved, trak::Control& control,
@@ -263,6 +255,14 @@ std::string_view step_action_name(StepAction action) {
             return "start";
     }
     return "unknown";
+}
+
+std::string joined(const std::vector<std::string>& parts) {
+    std::string text;
+    for (const std::string& part : parts) {
+        text.append(text.empty() ? "" : ", ").append(part);
+    }
+    return text;
 }
 
 ApplyPlan plan_apply(const Config& config, const std::vector<SavedSnap>& saved,

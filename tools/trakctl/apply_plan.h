@@ -49,6 +49,9 @@ struct ApplyPlan {
 // The name apply's output gives an action, e.g. "add-filter".
 std::string_view step_action_name(StepAction action);
 
+// `parts` separated by ", ", as apply's messages list nodes and reasons.
+std::string joined(const std::vector<std::string>& parts);
+
 // Asks the driver what exists and plans the changes. Filters are added
 // first, then the snaps the state file lists are added and resumed, then
 // the filters are started, except those that resuming a snap starts.

@@ -30,14 +30,6 @@ std::string label(const Step& step) {
            " (minor " + std::to_string(step.minor) + ")";
 }
 
-std::string listed(const std::vector<std::string>& labels) {
-    std::string text;
-    for (const std::string& one : labels) {
-        text.append(text.empty() ? "" : ", ").append(one);
-    }
-    return text;
-}
-
 // Removes the nodes that `done` added, newest first, except the snaps added
 // from saved COW files and their filters. Says what became of each.
 std::string undo(const std::vector<const Step*>& done, trak::Control& control) {
@@ -73,16 +65,16 @@ std::string undo(const std::vector<const Step*>& done, trak::Control& control) {
     });
     std::string aftermath;
     if (!removed.empty()) {
-        aftermath += " Removed again: " + listed(removed) + ".";
+        aftermath += " Removed again: " + joined(removed) + ".";
     }
     if (!kept.empty()) {
         aftermath +=
-            " Kept, since removing them would delete the saved COW files: " + listed(kept) +
+            " Kept, since removing them would delete the saved COW files: " + joined(kept) +
             ". Once the cause is mended, resume a snap that was not resumed with "
             "'trakctl snap resume' and the state from the state file.";
     }
     if (!stuck.empty()) {
-        aftermath += " Could not be removed: " + listed(stuck) + ".";
+        aftermath += " Could not be removed: " + joined(stuck) + ".";
     }
     return aftermath;
 }
