@@ -87,7 +87,16 @@ void trak_disk_make_dev_file(struct trak_blkdev *dev)
  * processes); a change event once it can be opened lets udev make its
  * links, as device-mapper's resume does.
  */
-void trak_disk_announce_started(struct trak_blkdev *dev)
+void trak_disk_announce_change(struct trak_blkdev *dev)
 {
 	kobject_uevent(&disk_to_dev(dev->disk)->kobj, KOBJ_CHANGE);
+}
+
+/* A change event that tells udev the snap is invalid now: saved states follow. */
+void trak_disk_announce_invalid(struct trak_blkdev *dev)
+{
+	char invalid[] = "TRAK_SNAP_INVALID=1";
+	char *envp[2] = { invalid, NULL };
+
+	kobject_uevent_env(&disk_to_dev(dev->disk)->kobj, KOBJ_CHANGE, envp);
 }

@@ -33,7 +33,7 @@ int trak_block_start_device(struct trak_blkdev *dev)
 	trak_log(3, "%s(): trak(%d, %d) has been started successfully",
 		 __func__, trak_blk_major, dev->minor);
 	oxmutex_unlock(&dev->lock);
-	trak_disk_announce_started(dev);
+	trak_disk_announce_change(dev);
 	return 0;
 }
 

@@ -69,6 +69,9 @@ struct trak_snap {
 	int snap_valid;			/* 0 once copying failed, until a restart */
 	int stop_pending;
 	int del_pending;
+	/* Not started, and its origin changed since it was added or stopped. */
+	int origin_written;
+	bool resumed;			/* started by a resume, not a start */
 };
 
 /* One node, filter or snap, at index minor of trak_blkdev_arr. */

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
  * A snap's COW store: its two files and its in-memory bitmap.  Durability
- * is the caller's order of calls: data written and synced, then the chunk
- * marked and the bitmap synced, and only then may the write that waited
- * for it reach the partition.
+ * is the caller's order of calls: data written and synced, then the chunks
+ * marked ahead in the bitmap file and that synced, then published in
+ * memory; only then may a write to them reach the partition.
  */
 #include "cow_store.h"
 
@@ -25,19 +25,18 @@ static struct trak_file *trak_cow_file_create(const char *fname, u64 size)
 	return file;
 }
 
-int trak_cow_store_create(struct trak_cow_store *s, const char *data_fname,
-			  u64 data_size, const char *bmp_fname, u32 bmp_size,
-			  u64 chunks)
+int trak_cow_store_create(struct trak_cow_store *s,
+			  const struct trak_cow_store_geometry *g)
 {
 	int rc;
 
-	s->data_file = trak_cow_file_create(data_fname, data_size);
+	s->data_file = trak_cow_file_create(g->data_fname, g->data_size);
 	if (!s->data_file)
 		return -EIO;
-	rc = trak_cowbmp_init(&s->bmp, chunks);
+	rc = trak_cowbmp_init(&s->bmp, g->chunks);
 	if (rc)
 		goto fail;
-	s->bmp_file = trak_cow_file_create(bmp_fname, bmp_size);
+	s->bmp_file = trak_cow_file_create(g->bmp_fname, g->bmp_size);
 	if (s->bmp_file)
 		return 0;
 	rc = -EIO;
@@ -46,33 +45,60 @@ fail:
 	return rc;
 }
 
-int trak_cow_store_open(struct trak_cow_store *s, const char *data_fname,
-			const char *bmp_fname, u64 chunks)
+/*
+ * A store that backs a valid snap has the sizes its start gave the files:
+ * an invalidated one has lost both, and a short data file would read back
+ * holes as preserved chunks.
+ */
+static int trak_cow_store_check_sizes(struct trak_cow_store *s,
+				      const char *data_fname, u64 data_size,
+				      const char *bmp_fname, u32 bmp_size)
 {
-	int rc;
+	loff_t data = trak_fsize(s->data_file);
+	loff_t bmp = trak_fsize(s->bmp_file);
 
-	s->data_file = trak_fopen(data_fname, TRAK_COW_OPEN_FLAGS,
+	if (bmp != bmp_size) {
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): COW bitmap file %s holds %lld bytes instead of %u: it cannot back a valid snap.",
+			 "trak_ioctl_resume_snap", bmp_fname, (long long)bmp,
+			 bmp_size);
+		return -EINVAL;
+	}
+	if (data != data_size) {
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): COW data file %s holds %lld bytes instead of %llu: it cannot back a valid snap.",
+			 "trak_ioctl_resume_snap", data_fname, (long long)data,
+			 (unsigned long long)data_size);
+		return -EINVAL;
+	}
+	return 0;
+}
+
+int trak_cow_store_open(struct trak_cow_store *s,
+			const struct trak_cow_store_geometry *g, bool valid)
+{
+	int rc = -EIO;
+
+	s->data_file = trak_fopen(g->data_fname, TRAK_COW_OPEN_FLAGS,
 				  TRAK_COW_FILE_MODE);
 	if (!s->data_file)
-		return -EIO;
-	rc = trak_cowbmp_init(&s->bmp, chunks);
+		goto fail;
+	s->bmp_file = trak_fopen(g->bmp_fname, TRAK_COW_OPEN_FLAGS,
+				 TRAK_COW_FILE_MODE);
+	if (!s->bmp_file)
+		goto fail;
+	rc = trak_cowbmp_init(&s->bmp, g->chunks);
+	/* An invalid snap serves nothing: what its bitmap said is moot. */
+	if (rc || !valid)
+		goto out;
+	rc = trak_cow_store_check_sizes(s, g->data_fname, g->data_size,
+					g->bmp_fname, g->bmp_size);
 	if (!rc)
-		rc = trak_cowbmp_load(&s->bmp, bmp_fname);
-	if (!rc && s->bmp.chunks < chunks) {
-		/* A chunk the file says nothing of would be read from the partition. */
-		trak_log(TRAK_LOG_ERR,
-			 "%s(): COW bitmap %s covers %lld chunks instead of %lld.",
-			 "trak_ioctl_resume_snap", bmp_fname,
-			 (long long)s->bmp.chunks, (long long)chunks);
-		rc = -EINVAL;
-	}
-	if (!rc) {
-		s->bmp_file = trak_fopen(bmp_fname, TRAK_COW_OPEN_FLAGS,
-					 TRAK_COW_FILE_MODE);
-		if (s->bmp_file)
-			return 0;
-		rc = -EIO;
-	}
+		rc = trak_cowbmp_load(&s->bmp, g->bmp_fname);
+out:
+	if (!rc)
+		return 0;
+fail:
 	trak_cow_store_close(s);
 	return rc;
 }
@@ -105,9 +131,10 @@ int trak_cow_store_sync_data(struct trak_cow_store *s)
 	return s->data_file ? trak_fdatasync(s->data_file) : 0;
 }
 
-int trak_cow_store_mark(struct trak_cow_store *s, u32 chunk, gfp_t gfp)
+int trak_cow_store_mark_ahead(struct trak_cow_store *s, const u32 *chunks,
+			      u32 cnt, gfp_t gfp)
 {
-	return trak_cowbmp_set_bit(&s->bmp, chunk, gfp, s->bmp_file);
+	return trak_cowbmp_write_ahead(&s->bmp, chunks, cnt, gfp, s->bmp_file);
 }
 
 int trak_cow_store_sync_bitmap(struct trak_cow_store *s)
@@ -115,7 +142,19 @@ int trak_cow_store_sync_bitmap(struct trak_cow_store *s)
 	return s->bmp_file ? trak_fdatasync(s->bmp_file) : 0;
 }
 
-void trak_cow_store_discard(const char *data_fname)
+void trak_cow_store_publish(struct trak_cow_store *s, const u32 *chunks,
+			    u32 cnt)
 {
-	trak_ftruncate(data_fname);
+	trak_cowbmp_publish(&s->bmp, chunks, cnt);
+}
+
+/*
+ * The bitmap file goes first: once it is empty no resume takes the store
+ * for a valid one, whatever becomes of the data file.
+ */
+int trak_cow_store_discard(struct trak_cow_store *s)
+{
+	int rc = trak_ftruncate(s->bmp_file);
+
+	return trak_ftruncate(s->data_file) ?: rc;
 }

@@ -24,16 +24,28 @@ struct trak_cow_store {
 	struct trak_file *bmp_file;
 };
 
+/* Where a snap's store lives, and the sizes its files have while valid. */
+struct trak_cow_store_geometry {
+	const char *data_fname;
+	u64 data_size;
+	const char *bmp_fname;
+	u32 bmp_size;
+	u64 chunks;
+};
+
 /*
  * A new point in time: creates (truncating) both files at their full
- * sizes, and an empty bitmap of @chunks bits.
+ * sizes, and an empty bitmap of @g->chunks bits.
  */
-int trak_cow_store_create(struct trak_cow_store *s, const char *data_fname,
-			  u64 data_size, const char *bmp_fname, u32 bmp_size,
-			  u64 chunks);
-/* An earlier point in time: opens both files and loads the bitmap. */
-int trak_cow_store_open(struct trak_cow_store *s, const char *data_fname,
-			const char *bmp_fname, u64 chunks);
+int trak_cow_store_create(struct trak_cow_store *s,
+			  const struct trak_cow_store_geometry *g);
+/*
+ * An earlier point in time: opens both files and, for a snap resumed as
+ * @valid, checks their sizes (-EINVAL when they cannot back a valid snap)
+ * and loads the bitmap.  An invalid snap's store gets an empty bitmap.
+ */
+int trak_cow_store_open(struct trak_cow_store *s,
+			const struct trak_cow_store_geometry *g, bool valid);
 /* Closes the files and frees the bitmap; accepts a store never opened. */
 void trak_cow_store_close(struct trak_cow_store *s);
 
@@ -51,11 +63,21 @@ int trak_cow_store_read(struct trak_cow_store *s, loff_t off, void *buf,
 			int len);
 int trak_cow_store_sync_data(struct trak_cow_store *s);
 
-/* Marks @chunk preserved, on disk as well; then sync the bitmap file. */
-int trak_cow_store_mark(struct trak_cow_store *s, u32 chunk, gfp_t gfp);
+/*
+ * Marks @chunks (ascending) preserved in the bitmap file only; once
+ * synced, publish them to the request path.
+ */
+int trak_cow_store_mark_ahead(struct trak_cow_store *s, const u32 *chunks,
+			      u32 cnt, gfp_t gfp);
 int trak_cow_store_sync_bitmap(struct trak_cow_store *s);
+void trak_cow_store_publish(struct trak_cow_store *s, const u32 *chunks,
+			    u32 cnt);
 
-/* An invalid snap's data is worthless: give its space back at once. */
-void trak_cow_store_discard(const char *data_fname);
+/*
+ * An invalid snap is invalid for good: both files are emptied, durably,
+ * so that no later resume can take them for a valid snap, and the data's
+ * space is given back.
+ */
+int trak_cow_store_discard(struct trak_cow_store *s);
 
 #endif

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * The COW bitmap in memory and in its file.  A newly set bit reaches the
- * file at once, one byte written through, so that a snap resumed after a
- * crash never reads a chunk from its data file that was not preserved.
+ * The COW bitmap in memory and in its file.  A bit reaches the file, and
+ * the caller syncs it, before it is set in memory: the request path lets a
+ * write through to a chunk whose bit it sees, so what it sees must survive
+ * a crash.
  */
 #include "cowbmp.h"
 
@@ -182,21 +183,6 @@ int trak_cowbmp_test_bit(const struct trak_cowbmp *bmp, u32 chunk)
 	return seg && test_bit(chunk & (TRAK_COWBMP_SEG_CHUNKS - 1), seg);
 }
 
-/* Writes the byte of the segment that holds @chunk's bit into the file. */
-static int trak_cowbmp_write_through(const unsigned long *seg, u32 chunk,
-				     struct trak_file *file)
-{
-	const u8 *byte = (const u8 *)seg +
-			 ((chunk & (TRAK_COWBMP_SEG_CHUNKS - 1)) >> 3);
-
-	if (!file || trak_fwrite(file, chunk >> 3, byte, 1) != 1) {
-		trak_log(TRAK_LOG_ERR, "%s(): Failed to update changed byte in file.",
-			 "trak_cowbmp_set_bit");
-		return -EIO;
-	}
-	return 0;
-}
-
 /*
  * Installs the segment of @chunk if it is absent.  The bitmap has one
  * writer, but the request path reads the array meanwhile: a segment is
@@ -211,7 +197,7 @@ static unsigned long *trak_cowbmp_install_seg(struct trak_cowbmp *bmp,
 	seg = kzalloc(TRAK_COWBMP_SEG_BYTES, gfp);
 	if (!seg) {
 		trak_log(TRAK_LOG_ERR, "%s(): Memory allocation failed.",
-			 "trak_cowbmp_set_bit");
+			 "trak_cowbmp_write_ahead");
 		return NULL;
 	}
 	old = cmpxchg(slot, NULL, seg);
@@ -223,30 +209,57 @@ static unsigned long *trak_cowbmp_install_seg(struct trak_cowbmp *bmp,
 }
 
 /*
- * Marks @chunk preserved and writes the change through to @file.  A chunk
- * of a segment that did not exist yet must be written through: a NULL
- * @file is then an error.
+ * The byte of the bitmap file that holds the bits of chunks @byte * 8 to
+ * @byte * 8 + 7, as it is in memory: absent segments read as zero.
  */
-int trak_cowbmp_set_bit(struct trak_cowbmp *bmp, u32 chunk, gfp_t gfp,
-			struct trak_file *file)
+static u8 trak_cowbmp_byte(const struct trak_cowbmp *bmp, u32 byte)
 {
-	unsigned long *seg;
+	const unsigned long *seg = trak_cowbmp_seg(bmp, byte << 3);
+
+	if (!seg)
+		return 0;
+	return ((const u8 *)seg)[byte & ((TRAK_COWBMP_SEG_CHUNKS >> 3) - 1)];
+}
+
+int trak_cowbmp_write_ahead(struct trak_cowbmp *bmp, const u32 *chunks,
+			    u32 cnt, gfp_t gfp, struct trak_file *file)
+{
+	u32 i, byte;
+	u8 val;
 
 	if (!trak_cowbmp_ready(bmp, __func__))
 		return -EINVAL;
-	seg = trak_cowbmp_seg(bmp, chunk);
-	if (seg) {
-		if (test_and_set_bit(chunk & (TRAK_COWBMP_SEG_CHUNKS - 1), seg) ||
-		    !file)
-			return 0;
-		return trak_cowbmp_write_through(seg, chunk, file);
+	for (i = 0; i < cnt; i++) {
+		if (i && chunks[i] <= chunks[i - 1])
+			return -EINVAL;
+		if (!trak_cowbmp_seg(bmp, chunks[i]) &&
+		    !trak_cowbmp_install_seg(bmp, chunks[i], gfp))
+			return -ENOMEM;
 	}
-	seg = trak_cowbmp_install_seg(bmp, chunk, gfp);
-	if (!seg)
-		return -ENOMEM;
-	if (test_and_set_bit(chunk & (TRAK_COWBMP_SEG_CHUNKS - 1), seg))
-		return 0;
-	return trak_cowbmp_write_through(seg, chunk, file);
+	for (i = 0; i < cnt; ) {
+		byte = chunks[i] >> 3;
+		val = trak_cowbmp_byte(bmp, byte);
+		for (; i < cnt && chunks[i] >> 3 == byte; i++)
+			val |= 1U << (chunks[i] & 7);
+		if (!file || trak_fwrite(file, byte, &val, 1) != 1) {
+			trak_log(TRAK_LOG_ERR, "%s(): Failed to update changed byte in file.",
+				 __func__);
+			return -EIO;
+		}
+	}
+	return 0;
+}
+
+void trak_cowbmp_publish(struct trak_cowbmp *bmp, const u32 *chunks, u32 cnt)
+{
+	unsigned long *seg;
+	u32 i;
+
+	for (i = 0; i < cnt; i++) {
+		seg = trak_cowbmp_seg(bmp, chunks[i]);
+		if (seg)
+			set_bit(chunks[i] & (TRAK_COWBMP_SEG_CHUNKS - 1), seg);
+	}
 }
 
 int trak_cowbmp_destroy(struct trak_cowbmp *bmp)

@@ -3,8 +3,9 @@
  * COW bitmap: one bit per chunk of a snap, set once the chunk's contents
  * at the snap's point in time are preserved in its COW data file.  Kept in
  * memory as a sparse array of 4096-byte segments and mirrored in the COW
- * bitmap file, which has no header: byte k holds chunks 8k to 8k + 7, the
- * least significant bit the lowest chunk.
+ * bitmap file, ahead of memory (see write-ahead below).  The file has no
+ * header: byte k holds chunks 8k to 8k + 7, the least significant bit the
+ * lowest chunk.
  *
  * Shared with the host tests: no bios, no locks of the driver.  Bits are
  * only ever set, and only by the filter's COW thread; segments are only
@@ -32,9 +33,20 @@ struct trak_cowbmp {
 int trak_cowbmp_init(struct trak_cowbmp *bmp, u64 chunks);
 int trak_cowbmp_load(struct trak_cowbmp *bmp, const char *fname);
 int trak_cowbmp_save(struct trak_cowbmp *bmp, const char *fname);
-int trak_cowbmp_set_bit(struct trak_cowbmp *bmp, u32 chunk, gfp_t gfp,
-			struct trak_file *file);
 int trak_cowbmp_destroy(struct trak_cowbmp *bmp);
+
+/*
+ * A bit the request path can see must already be durable: a write it lets
+ * through to the partition overwrites the chunk for good.  So the COW
+ * thread marks a group of chunks in two steps.  Write-ahead writes the
+ * bytes of the file that hold the bits of @chunks (ascending), each with
+ * the bits already set, and installs the segments the bits will need,
+ * without setting any bit in memory.  Once the file is synced, publish
+ * sets them in memory.  Either step on a failed write-ahead is an error.
+ */
+int trak_cowbmp_write_ahead(struct trak_cowbmp *bmp, const u32 *chunks,
+			    u32 cnt, gfp_t gfp, struct trak_file *file);
+void trak_cowbmp_publish(struct trak_cowbmp *bmp, const u32 *chunks, u32 cnt);
 
 /*
  * 1 when @chunk is preserved, 0 when not, -EINVAL (logged) for a bitmap

@@ -5,8 +5,9 @@
  * that needs a COW store, or left waiting while the first chunk it needs
  * preserved joins the pass's group.  The group is then read from the
  * partition in parallel, written to the COW data file, synced, marked in
- * the COW bitmap and synced again; the writes that waited for it go on in
- * the next pass, when their chunks test as preserved.
+ * the COW bitmap file, synced again, and only then marked in memory; the
+ * writes that waited for it go on in the next pass, when their chunks test
+ * as preserved.
  */
 #include <linux/bio.h>
 #include <linux/blkdev.h>
@@ -14,6 +15,7 @@
 #include <linux/kthread.h>
 #include <linux/sched/mm.h>
 #include <linux/slab.h>
+#include <linux/sort.h>
 
 #include "block/registry.h"
 #include "core/log.h"
@@ -401,7 +403,35 @@ static sector_t trak_cow_page_sector(struct trak_cow_work *w,
 	       ((i % per_chunk) << (PAGE_SHIFT - SECTOR_SHIFT));
 }
 
-/* Reads the group's @pages pages from the partition, all at once. */
+/*
+ * How many bytes of the group's page @i lie inside the partition: the last
+ * chunk of a partition whose size is not a multiple of the chunk size is
+ * partial, and its pages past the end hold nothing.
+ */
+static u32 trak_cow_page_len(struct trak_cow_work *w, struct trak_cow_group *g,
+			     u32 i)
+{
+	u64 off = (u64)trak_cow_page_sector(w, g, i) << SECTOR_SHIFT;
+	u64 size = trak_cow_filter(w)->dev_size;
+
+	return off >= size ? 0 : min_t(u64, size - off, PAGE_SIZE);
+}
+
+/*
+ * The group's pages that hold any of the partition: a prefix of them, since
+ * the chunks are in ascending order and only the last chunk can be partial.
+ */
+static u32 trak_cow_group_pages(struct trak_cow_work *w,
+				struct trak_cow_group *g)
+{
+	u32 pages = g->cnt << (g->chunk_shift - PAGE_SHIFT);
+
+	while (pages && !trak_cow_page_len(w, g, pages - 1))
+		pages--;
+	return pages;
+}
+
+/* Reads the group's first @pages pages from the partition, all at once. */
 static void trak_cow_read_group(struct trak_cow_work *w,
 				struct trak_cow_group *g, u32 pages)
 {
@@ -416,7 +446,7 @@ static void trak_cow_read_group(struct trak_cow_work *w,
 		bio = w->bios[i];
 		bio_init(bio, f->hdd_bdev, bio->bi_inline_vecs, 1, REQ_OP_READ);
 		bio->bi_iter.bi_sector = trak_cow_page_sector(w, g, i);
-		__bio_add_page(bio, w->pages[i], PAGE_SIZE, 0);
+		__bio_add_page(bio, w->pages[i], trak_cow_page_len(w, g, i), 0);
 		bio->bi_private = w;
 		bio->bi_end_io = trak_cow_page_read_end;
 		clone = trak_aio_clone(&f->aio, bio, f->hdd_bdev, false,
@@ -440,54 +470,99 @@ static void trak_cow_check_sync(struct trak_blkdev *snap, int rc,
 	trak_snap_invalidate(snap, stage);
 }
 
-/* Preserves the group's chunks in the COW store of its snap. */
-static void trak_cow_preserve(struct trak_cow_work *w,
-			      struct trak_cow_group *g)
+/* Whether every page read of the group succeeded; names each that failed. */
+static bool trak_cow_group_read_ok(struct trak_cow_work *w,
+				   struct trak_cow_group *g, u32 pages)
 {
-	struct trak_filter *f = trak_cow_filter(w);
-	struct trak_blkdev *snap = trak_cow_live_snap(w, g->snap_minor);
-	struct trak_cow_store *store;
-	u32 i, pages;
+	bool ok = true;
 	sector_t sector;
+	u32 i;
 
-	if (!snap)
-		return;
-	store = &snap->snap.store;
-	pages = g->cnt << (g->chunk_shift - PAGE_SHIFT);
-	trak_log(2, "%s(): COWing %d chunks (%d pages), snap_minor=%d, queue_cnt=%d",
-		 "cow_chunks", g->cnt, pages, g->snap_minor,
-		 trak_cowqueue_len(&f->cowqueue));
-
-	trak_cow_read_group(w, g, pages);
 	for (i = 0; i < pages; i++) {
 		if (!w->bios[i]->bi_status)
 			continue;
 		sector = trak_cow_page_sector(w, g, i);
 		trak_log(TRAK_LOG_ERR, "%s(): Failed to read %d-byte block #%lld from %s",
 			 "cow_chunks", (int)PAGE_SIZE, (long long)(sector >> 12),
-			 f->hdd_name);
-		trak_snap_invalidate(snap, "cow_chunks");
+			 trak_cow_filter(w)->hdd_name);
+		ok = false;
 	}
+	return ok;
+}
 
-	for (i = 0; i < pages; i++) {
-		if (!trak_snap_usable(snap))
-			break;
+/* Writes the group's pages into the COW data file and syncs it. */
+static void trak_cow_write_group(struct trak_cow_work *w,
+				 struct trak_cow_group *g, u32 pages,
+				 struct trak_blkdev *snap)
+{
+	struct trak_cow_store *store = &snap->snap.store;
+	sector_t sector;
+	u32 i;
+
+	for (i = 0; i < pages && trak_snap_usable(snap); i++) {
 		sector = trak_cow_page_sector(w, g, i);
 		if (trak_cow_store_write(store, (loff_t)sector << SECTOR_SHIFT,
-					 page_address(w->pages[i]), PAGE_SIZE))
+					 page_address(w->pages[i]),
+					 trak_cow_page_len(w, g, i)))
 			trak_snap_invalidate(snap, "write_cowed_page");
 	}
 	trak_cow_check_sync(snap, trak_cow_store_sync_data(store),
 			    "write_cowed_page", snap->snap.cow_data_fname);
+}
 
-	for (i = 0; i < g->cnt; i++) {
-		if (!trak_snap_usable(snap))
-			break;
-		if (trak_cow_store_mark(store, w->chunks[i], GFP_NOIO))
-			trak_snap_invalidate(snap, "mark_chunk_cowed");
+/*
+ * Marks the group's chunks: in the bitmap file, synced, and only then in
+ * memory, where the request path looks.  A write to a chunk in between is
+ * still held, and waits for the next pass.
+ */
+static void trak_cow_mark_group(struct trak_cow_work *w,
+				struct trak_cow_group *g,
+				struct trak_blkdev *snap)
+{
+	struct trak_cow_store *store = &snap->snap.store;
+
+	if (!trak_snap_usable(snap))
+		return;
+	if (trak_cow_store_mark_ahead(store, w->chunks, g->cnt, GFP_NOIO)) {
+		trak_snap_invalidate(snap, "mark_chunk_cowed");
+		return;
 	}
 	trak_cow_check_sync(snap, trak_cow_store_sync_bitmap(store),
 			    "mark_chunk_cowed", snap->snap.cow_bmp_fname);
+	if (trak_snap_usable(snap))
+		trak_cow_store_publish(store, w->chunks, g->cnt);
+}
+
+static int trak_cow_chunk_cmp(const void *a, const void *b)
+{
+	u32 x = *(const u32 *)a, y = *(const u32 *)b;
+
+	return x < y ? -1 : x > y;
+}
+
+/* Preserves the group's chunks in the COW store of its snap. */
+static void trak_cow_preserve(struct trak_cow_work *w,
+			      struct trak_cow_group *g)
+{
+	struct trak_filter *f = trak_cow_filter(w);
+	struct trak_blkdev *snap = trak_cow_live_snap(w, g->snap_minor);
+	u32 i, pages;
+
+	if (!snap)
+		return;
+	/* In partition order: reads in sequence, bitmap bytes written once. */
+	sort(w->chunks, g->cnt, sizeof(w->chunks[0]), trak_cow_chunk_cmp, NULL);
+	pages = trak_cow_group_pages(w, g);
+	trak_log(2, "%s(): COWing %d chunks (%d pages), snap_minor=%d, queue_cnt=%d",
+		 "cow_chunks", g->cnt, pages, g->snap_minor,
+		 trak_cowqueue_len(&f->cowqueue));
+
+	trak_cow_read_group(w, g, pages);
+	if (trak_cow_group_read_ok(w, g, pages))
+		trak_cow_write_group(w, g, pages, snap);
+	else
+		trak_snap_invalidate(snap, "cow_chunks");
+	trak_cow_mark_group(w, g, snap);
 	for (i = 0; i < pages; i++)
 		bio_uninit(w->bios[i]);
 }

@@ -30,6 +30,8 @@ int trak_route_filter_with_snaps(struct trak_blkdev *filter, struct bio *bio)
 	gfp_t gfp = trak_route_gfp();
 	struct bio *clone;
 
+	if (op_is_write(bio_op(bio)))
+		trak_snap_note_origin_write(filter);
 	/* While no COW thread runs, an overlapping request is waited for. */
 	clone = trak_aio_clone(&f->aio, bio, f->hdd_bdev,
 			       !trak_cowthread_running(&f->cowthread), gfp);

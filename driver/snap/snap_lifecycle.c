@@ -120,6 +120,16 @@ static int trak_snap_go_live(struct trak_blkdev *snap, unsigned long deadline)
 	return 0;
 }
 
+static void trak_snap_store_geometry(const struct trak_snap *s,
+				     struct trak_cow_store_geometry *g)
+{
+	g->data_fname = s->cow_data_fname;
+	g->data_size = s->cow_data_size;
+	g->bmp_fname = s->cow_bmp_fname;
+	g->bmp_size = s->cow_bmp_size;
+	g->chunks = s->cow_chunks;
+}
+
 /* The first started snap after @snap, or NULL. */
 static struct trak_blkdev *trak_snap_newer_started(struct trak_blkdev *snap)
 {
@@ -137,6 +147,7 @@ static int trak_snap_start_locked(struct trak_blkdev *snap)
 {
 	unsigned long deadline = jiffies + msecs_to_jiffies(TRAK_QUIESCE_MS);
 	struct trak_snap *s = &snap->snap;
+	struct trak_cow_store_geometry g;
 	struct trak_blkdev *newer;
 	int rc;
 
@@ -161,11 +172,11 @@ static int trak_snap_start_locked(struct trak_blkdev *snap)
 	rc = trak_snap_prepare_filter(s->filter);
 	if (rc)
 		return rc;
-	rc = trak_cow_store_create(&s->store, s->cow_data_fname,
-				   s->cow_data_size, s->cow_bmp_fname,
-				   s->cow_bmp_size, s->cow_chunks);
+	trak_snap_store_geometry(s, &g);
+	rc = trak_cow_store_create(&s->store, &g);
 	if (rc)
 		return rc;
+	s->resumed = false;
 	trak_blkbmp_init(&s->datablock_bmp);
 	rc = trak_snap_go_live(snap, deadline);
 	if (rc) {
@@ -201,7 +212,7 @@ int trak_snap_start(struct trak_blkdev *snap)
 	thaw_bdev(fs_bdev);
 	if (!rc) {
 		trak_snap_map_data_blocks(snap);
-		trak_disk_announce_started(snap);
+		trak_disk_announce_change(snap);
 	}
 	return rc;
 }
@@ -258,6 +269,8 @@ static void trak_snap_go_offline(struct trak_blkdev *snap)
 	oxwrite_lock(&f->io_lock);
 	WRITE_ONCE(snap->snap.stop_pending, 0);
 	WRITE_ONCE(snap->started, 0);
+	/* Its COW files match the origin until the next write. */
+	WRITE_ONCE(snap->snap.origin_written, 0);
 	oxwrite_unlock(&f->io_lock);
 
 	mutex_lock(&f->cowthread.store_lock);
@@ -330,29 +343,97 @@ int trak_filter_stop_snaps(struct trak_blkdev *filter)
 	return 0;
 }
 
+/*
+ * A resumed snap joins the snaps of its filter in their order: newest
+ * first.  No older snap may be started, since an older one would read
+ * through it (or, resumed invalid, it would take the writes an older one
+ * needs preserved).  A snap resumed as valid reads the chunks preserved
+ * after its successors' moments from their stores: each of them must be
+ * started, valid, and resumed, not started afresh, since a fresh start
+ * lost what was written before it.
+ */
+static int trak_snap_resume_order(struct trak_blkdev *snap, bool valid)
+{
+	struct list_head *snaps = &snap->snap.filter->filter.snaps;
+	struct trak_blkdev *s = snap;
+
+	list_for_each_entry_continue_reverse(s, snaps, snap.snap_link) {
+		if (!s->started)
+			continue;
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): Cannot resume trak(%d, %d) while trak(%d, %d), added before it, is started.",
+			 "trak_ioctl_resume_snap", trak_blk_major, snap->minor,
+			 trak_blk_major, s->minor);
+		return -EINVAL;
+	}
+	if (!valid)
+		return 0;
+	s = snap;
+	list_for_each_entry_continue(s, snaps, snap.snap_link) {
+		if (s->started && s->snap.resumed && trak_snap_usable(s))
+			continue;
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): Cannot resume trak(%d, %d) as valid: trak(%d, %d), added after it, is not a valid resumed snap.",
+			 "trak_ioctl_resume_snap", trak_blk_major, snap->minor,
+			 trak_blk_major, s->minor);
+		return -EINVAL;
+	}
+	return 0;
+}
+
+/*
+ * Goes live unless a write reached the origin since the snap's files were
+ * last in use; io_lock orders the test against the writes.
+ */
+static int trak_snap_resume_live(struct trak_blkdev *snap,
+				 const struct trak_resume_snap_args *rec)
+{
+	struct trak_snap *s = &snap->snap;
+	struct trak_filter *f = &s->filter->filter;
+	int rc = 0;
+
+	oxwrite_lock(&f->io_lock);
+	if (rec->snap_valid && s->origin_written) {
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): Cannot resume trak(%d, %d) as valid: trak(%d, %d) has been written since its COW files were last in use.",
+			 "trak_ioctl_resume_snap", trak_blk_major, snap->minor,
+			 trak_blk_major, s->filter->minor);
+		rc = -ESTALE;
+	} else {
+		WRITE_ONCE(s->snap_valid, !!rec->snap_valid);
+		WRITE_ONCE(s->stop_pending, !!rec->stop_pending);
+		s->del_pending = !!rec->del_pending;
+		s->resumed = true;
+		WRITE_ONCE(snap->started, 1);
+	}
+	oxwrite_unlock(&f->io_lock);
+	return rc;
+}
+
 static int trak_snap_resume_locked(struct trak_blkdev *snap,
 				   const struct trak_resume_snap_args *rec)
 {
 	struct trak_snap *s = &snap->snap;
-	struct trak_filter *f = &s->filter->filter;
+	struct trak_cow_store_geometry g;
 	int rc;
 
+	rc = trak_snap_resume_order(snap, rec->snap_valid);
+	if (rc)
+		return rc;
 	rc = trak_snap_prepare_filter(s->filter);
 	if (rc)
 		return rc;
-	rc = trak_cow_store_open(&s->store, s->cow_data_fname,
-				 s->cow_bmp_fname, s->cow_chunks);
+	trak_snap_store_geometry(s, &g);
+	rc = trak_cow_store_open(&s->store, &g, rec->snap_valid);
 	if (rc)
 		return rc;
 	trak_blkbmp_init(&s->datablock_bmp);
-
-	oxwrite_lock(&f->io_lock);
-	WRITE_ONCE(s->snap_valid, !!rec->snap_valid);
-	WRITE_ONCE(s->stop_pending, !!rec->stop_pending);
-	s->del_pending = !!rec->del_pending;
-	WRITE_ONCE(snap->started, 1);
-	oxwrite_unlock(&f->io_lock);
-	return 0;
+	rc = trak_snap_resume_live(snap, rec);
+	if (rc) {
+		trak_cow_store_close(&s->store);
+		trak_blkbmp_destroy(&s->datablock_bmp);
+	}
+	return rc;
 }
 
 /* Brings back a snap whose COW files an earlier life of the driver left. */
@@ -365,6 +446,6 @@ int trak_snap_resume(struct trak_blkdev *snap,
 	rc = trak_snap_resume_locked(snap, rec);
 	trak_snap_unlock(snap);
 	if (!rc)
-		trak_disk_announce_started(snap);
+		trak_disk_announce_change(snap);
 	return rc;
 }

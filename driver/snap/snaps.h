@@ -44,5 +44,11 @@ bool trak_snap_any_kept(struct trak_blkdev *snap, u32 first, u32 last);
  * it (they rely on its store) become invalid, and their data is dropped.
  */
 void trak_snap_invalidate(struct trak_blkdev *snap, const char *stage);
+/*
+ * A write reaches the partition: every snap that is not started, and that
+ * no started valid snap newer than it preserves for, no longer matches its
+ * COW files, and cannot be resumed as valid.
+ */
+void trak_snap_note_origin_write(struct trak_blkdev *filter);
 
 #endif

@@ -139,17 +139,15 @@ int trak_fclose(struct trak_file *file)
 	return rc;
 }
 
-/* Empties an existing file; a missing file is not created. */
-int trak_ftruncate(const char *path)
+/* Empties an open file, durably: its new size is on disk when it returns. */
+int trak_ftruncate(struct trak_file *file)
 {
-	struct trak_file *file;
+	int rc;
 
-	if (WARN_ON(!path))
-		return 0;
-	file = trak_fopen(path, O_RDWR | O_TRUNC | O_LARGEFILE, 0600);
-	if (file)
-		trak_fclose(file);
-	return 0;
+	if (WARN_ON(!file) || IS_ERR_OR_NULL(file->filp))
+		return -EINVAL;
+	rc = vfs_truncate(&file->filp->f_path, 0);
+	return rc ?: vfs_fsync(file->filp, 0);
 }
 
 /*

@@ -18,7 +18,7 @@ int trak_fread(struct trak_file *file, loff_t off, void *buf, int count);
 int trak_fwrite(struct trak_file *file, loff_t off, const void *buf,
 		int count);
 int trak_fclose(struct trak_file *file);
-int trak_ftruncate(const char *path);
+int trak_ftruncate(struct trak_file *file);
 /* Makes the file's data, and what is needed to read it back, durable. */
 int trak_fdatasync(struct trak_file *file);
 loff_t trak_fsize(struct trak_file *file);

@@ -80,7 +80,13 @@ constexpr std::array kMeanings = {
     Meaning{Command::TestDatablock, EBUSY, "the partition is mounted"},
     Meaning{Command::TestDatablock, EIO,
             "the partition could not be opened, or the self-test found a mismatch"},
-    Meaning{Command::ResumeSnap, EINVAL, "no node with that minor, or the node is not a snap"},
+    Meaning{Command::ResumeSnap, EINVAL,
+            "no node with that minor, the node is not a snap, a snap added before it is "
+            "started, or (resumed as valid) its COW files have not the sizes of a valid snap or "
+            "a snap added after it is not a valid resumed snap"},
+    Meaning{Command::ResumeSnap, ESTALE,
+            "the filter was written since the snap's COW files were last in use: it can be "
+            "resumed only as invalid"},
     Meaning{Command::ResumeSnap, EALREADY, "the snap is already started"},
     Meaning{Command::ResumeSnap, EIO,
             "a COW file could not be opened, or the COW bitmap file could not be read"},

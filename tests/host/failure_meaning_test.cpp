@@ -34,7 +34,12 @@ TEST(FailureMeaning, SnapshotCommands) {
               "two of at least 4096 or differs from that of the filter's other snaps, or the minor "
               "is too big or taken");
     EXPECT_EQ(meaning(Command::ResumeSnap, EINVAL),
-              "no node with that minor, or the node is not a snap");
+              "no node with that minor, the node is not a snap, a snap added before it is "
+              "started, or (resumed as valid) its COW files have not the sizes of a valid snap or "
+              "a snap added after it is not a valid resumed snap");
+    EXPECT_EQ(meaning(Command::ResumeSnap, ESTALE),
+              "the filter was written since the snap's COW files were last in use: it can be "
+              "resumed only as invalid");
     EXPECT_EQ(meaning(Command::ResumeSnap, EALREADY), "the snap is already started");
     EXPECT_EQ(meaning(Command::ResumeSnap, EIO),
               "a COW file could not be opened, or the COW bitmap file could not be read");

@@ -293,6 +293,34 @@ TEST_F(TrakctlApply, DryRunShowsThePlanAndChangesNothing) {
     EXPECT_EQ(changes(), 0U);
 }
 
+// The driver resumes a snap as valid only behind its newer snaps: both are
+// added in the configuration's order, then resumed newest first.
+TEST_F(TrakctlApply, SnapsOfAFilterAreAddedInOrderAndResumedNewestFirst) {
+    constexpr std::string_view kLaterUuid = "{01234567-89ab-cdef-0123-456789abcdef}";
+    files.write("cow/trak-snap-01234567-89ab-cdef-0123-456789abcdef.cow-bitmap", "");
+    files.write("cow/trak-snap-01234567-89ab-cdef-0123-456789abcdef.cow-data", "");
+    write_config(snap_section() +
+                 "\n[snap hourly]\nfilter = data\nminor = 5\nchunk_size = "
+                 "65536\ncow_dir = " +
+                 path("cow") + "\nuuid = " + std::string(kLaterUuid) + "\n");
+    files.write("snaps.state", "# saved\nnightly 4 1 0 0\nhourly 5 1 0 0\n");
+
+    const auto result = apply();
+
+    ASSERT_EQ(result.status, 0) << result.err;
+    const std::vector<std::string> steps = {
+        "add-snap:      nightly (minor 4)", "add-snap:      hourly (minor 5)",
+        "resume-snap:   hourly (minor 5)", "resume-snap:   nightly (minor 4)"};
+    std::size_t at = 0;
+    for (const std::string& step : steps) {
+        const std::size_t found = result.out.find(step, at);
+        ASSERT_NE(found, std::string::npos) << step << " after offset " << at << " in\n"
+                                            << result.out;
+        at = found + step.size();
+    }
+    EXPECT_EQ(count(Command::ResumeSnap), 2U);
+}
+
 TEST_F(TrakctlApply, SavedSnapIsAddedAndResumedWithItsState) {
     files.write("snaps.state", "# saved\nnightly 4 1 1 0\n");
 

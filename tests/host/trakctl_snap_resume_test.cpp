@@ -90,7 +90,13 @@ TEST_F(TrakctlSnapResume, RefusalsCarryTheDriversMeaning) {
         runner, Command::ResumeSnap, {"snap", "resume", "6"}, "snap resume 6",
         {
             {EALREADY, "EALREADY (the snap is already started)"},
-            {EINVAL, "EINVAL (no node with that minor, or the node is not a snap)"},
+            {EINVAL,
+             "EINVAL (no node with that minor, the node is not a snap, a snap added before it is "
+             "started, or (resumed as valid) its COW files have not the sizes of a valid snap or "
+             "a snap added after it is not a valid resumed snap)"},
+            {ESTALE,
+             "ESTALE (the filter was written since the snap's COW files were last in use: it can "
+             "be resumed only as invalid)"},
             {EIO, "EIO (a COW file could not be opened, or the COW bitmap file could not be read)"},
             {ENOMEM, "ENOMEM (the driver ran out of memory)"},
         });

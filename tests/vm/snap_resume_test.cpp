@@ -57,6 +57,30 @@ class SnapResumeTest : public SnapTest {
         return SameImage(snap.bytes, expected, kChunk) << " (snap " << minor << ")";
     }
 
+    // Snaps 1 and 2 taken with writes between and after them, then the
+    // driver reloaded and the filter and both snaps added again, nothing
+    // started. `at_t1` and `at_t2` receive the snaps' images.
+    void TwoSnapsAddedAgainAfterAReload(std::vector<std::uint8_t>& at_t1,
+                                        std::vector<std::uint8_t>& at_t2) {
+        ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd_, kExtent, 0, true));
+        ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 1));
+        at_t1 = image_;
+        ASSERT_TRUE(Write(MixedWrites(kHddBytes, kChunk, 25, 52)));
+        ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 2));
+        at_t2 = image_;
+        ASSERT_TRUE(Write(MixedWrites(kHddBytes, kChunk, 25, 53)));
+        ASSERT_EQ(UnloadDriver(), 0);
+        for (const std::int32_t minor : {1, 2}) {
+            ASSERT_TRUE(std::filesystem::exists(CowBitmapPath(minor))) << "unloading deleted it";
+            ASSERT_TRUE(std::filesystem::exists(CowDataPath(minor))) << "unloading deleted it";
+        }
+        ASSERT_NO_FATAL_FAILURE(LoadDriverAgain());
+        ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd_, kExtent, 0, false));
+        ASSERT_NO_FATAL_FAILURE(AddSnapNode(0, kChunk, 1));
+        ASSERT_NO_FATAL_FAILURE(AddSnapNode(0, kChunk, 2));
+        log().Mark();
+    }
+
     // A stopped snap on minor 1 whose COW files were made by an earlier
     // start, over a started filter.
     void StoppedSnapWithCowFiles() {
@@ -74,38 +98,24 @@ class SnapResumeTest : public SnapTest {
     std::vector<std::uint8_t> image_;
 };
 
+// Resumed newest first: an older snap reads what its newer ones preserved.
 TEST_F(SnapResumeTest, AfterAReloadResumedSnapsShowTheirImagesAndKeepThem) {
-    ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd(), kExtent, 0, true));
-    ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 1));
-    const std::vector<std::uint8_t> at_t1 = image();
-    ASSERT_TRUE(Write(MixedWrites(kHddBytes, kChunk, 25, 52)));
-    ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 2));
-    const std::vector<std::uint8_t> at_t2 = image();
-    ASSERT_TRUE(Write(MixedWrites(kHddBytes, kChunk, 25, 53)));
+    std::vector<std::uint8_t> at_t1;
+    std::vector<std::uint8_t> at_t2;
+    ASSERT_NO_FATAL_FAILURE(TwoSnapsAddedAgainAfterAReload(at_t1, at_t2));
     const MarkedChunks s1_marked = MarkedInCowBitmap(CowBitmapPath(1));
     const MarkedChunks s2_marked = MarkedInCowBitmap(CowBitmapPath(2));
     ASSERT_FALSE(s1_marked.chunks.empty());
     ASSERT_FALSE(s2_marked.chunks.empty());
 
-    ASSERT_EQ(UnloadDriver(), 0);
-    for (const std::int32_t minor : {1, 2}) {
-        EXPECT_TRUE(std::filesystem::exists(CowBitmapPath(minor))) << "unloading deleted it";
-        EXPECT_TRUE(std::filesystem::exists(CowDataPath(minor))) << "unloading deleted it";
-    }
-    ASSERT_NO_FATAL_FAILURE(LoadDriverAgain());
-    ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd(), kExtent, 0, false));
-    ASSERT_NO_FATAL_FAILURE(AddSnapNode(0, kChunk, 1));
-    ASSERT_NO_FATAL_FAILURE(AddSnapNode(0, kChunk, 2));
-    log().Mark();
-
-    ASSERT_EQ(ResumeSnap(control(), 1), 0);
     ASSERT_EQ(ResumeSnap(control(), 2), 0);
+    ASSERT_EQ(ResumeSnap(control(), 1), 0);
 
     EXPECT_TRUE(log().ContainsInOrder(
-        {LogPattern::Info(ResumeLine("Resuming snap " + NodeName(1))),
-         LogPattern::Info(ResumeLine(NodeName(1) + " has been resumed successfully")),
-         LogPattern::Info(ResumeLine("Resuming snap " + NodeName(2))),
-         LogPattern::Info(ResumeLine(NodeName(2) + " has been resumed successfully"))}));
+        {LogPattern::Info(ResumeLine("Resuming snap " + NodeName(2))),
+         LogPattern::Info(ResumeLine(NodeName(2) + " has been resumed successfully")),
+         LogPattern::Info(ResumeLine("Resuming snap " + NodeName(1))),
+         LogPattern::Info(ResumeLine(NodeName(1) + " has been resumed successfully"))}));
     EXPECT_EQ(GetInfo(control(), 0).info.started, 1) << "the resume starts the filter";
     for (const std::int32_t minor : {1, 2}) {
         const NodeInfo snap = GetInfo(control(), minor);
@@ -241,6 +251,92 @@ TEST_F(SnapResumeTest, ResumedSnapWithStopPendingIsDefunct) {
     EXPECT_TRUE(
         log().Contains(LogPattern::Error("trak_make_request(): I/O request for " + NodeName(1) +
                                          ", which is in STOP_PENDING state or INVALID.")));
+}
+
+// A resume trusts nothing it can check: a snap whose origin was written
+// since its COW files were last in use, whose files an invalidation
+// emptied, or whose newer snaps are not in service as valid resumed snaps
+// would show a wrong image, so it comes back only as invalid, if at all.
+TEST_F(SnapResumeTest, ASnapWhoseOriginWasWrittenSinceItStoppedResumesOnlyAsInvalid) {
+    ASSERT_NO_FATAL_FAILURE(StoppedSnapWithCowFiles());
+    ASSERT_TRUE(Write({{std::uint64_t{3} * kChunk, RandomBytes(4096, 90)}}));
+
+    EXPECT_EQ(ResumeSnap(control(), 1), ESTALE);
+
+    EXPECT_TRUE(log().Contains(
+        LogPattern::Error(ResumeLine("Cannot resume " + NodeName(1) + " as valid: " + NodeName(0) +
+                                     " has been written since its COW files were last in use."))));
+    EXPECT_EQ(GetInfo(control(), 1).info.started, 0);
+    ASSERT_EQ(ResumeSnap(control(), 1, {.valid = 0}), 0);
+    EXPECT_EQ(GetInfo(control(), 1).info.snap_valid, 0U);
+    EXPECT_EQ(ReadBytes(NodeDevice(1), 0, 4096).error, EIO);
+}
+
+// The COW store, a file system of 4 MiB, fills up long before the 16 MiB
+// of chunks the writes make the snap preserve.
+TEST_F(SnapResumeTest, AnInvalidatedSnapResumesOnlyAsInvalidAfterAReload) {
+    constexpr const char* kSmallStore = "/mnt/trak-cow-small";
+    ASSERT_NO_FATAL_FAILURE(
+        MountSmallFileSystem(4 << 20, {"mkfs.ext2", "-q", "-F"}, "ext2", kSmallStore));
+    ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd(), kExtent, 0, true));
+    ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 1, kSmallStore));
+    std::vector<ImageWrite> every_chunk;
+    for (std::uint64_t c = 0; c < kHddBytes / kChunk; ++c) {
+        every_chunk.push_back({c * kChunk, RandomBytes(4096, 100 + static_cast<std::uint32_t>(c))});
+    }
+    ASSERT_TRUE(Write(every_chunk));
+    ASSERT_EQ(GetInfo(control(), 1).info.snap_valid, 0U);
+    EXPECT_EQ(SpaceOf(CowBitmapPath(1, kSmallStore)).size, 0U) << "the bitmap file was kept";
+    EXPECT_EQ(SpaceOf(CowDataPath(1, kSmallStore)).size, 0U) << "the data file was kept";
+    ASSERT_EQ(UnloadDriver(), 0);
+    ASSERT_NO_FATAL_FAILURE(LoadDriverAgain());
+    ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd(), kExtent, 0, false));
+    ASSERT_NO_FATAL_FAILURE(AddSnapNode(0, kChunk, 1, kSmallStore));
+    log().Mark();
+
+    EXPECT_EQ(ResumeSnap(control(), 1), EINVAL);
+
+    EXPECT_TRUE(log().Contains(LogPattern::Error(
+        ResumeLine("COW bitmap file " + CowBitmapPath(1, kSmallStore) +
+                   " holds 0 bytes instead of 32: it cannot back a valid snap."))));
+    EXPECT_EQ(GetInfo(control(), 1).info.started, 0);
+    ASSERT_EQ(ResumeSnap(control(), 1, {.valid = 0}), 0);
+    EXPECT_EQ(ReadBytes(NodeDevice(1), 0, 4096).error, EIO);
+}
+
+TEST_F(SnapResumeTest, AnOlderSnapResumesAsValidOnlyBehindItsNewerOnes) {
+    std::vector<std::uint8_t> at_t1;
+    std::vector<std::uint8_t> at_t2;
+    ASSERT_NO_FATAL_FAILURE(TwoSnapsAddedAgainAfterAReload(at_t1, at_t2));
+    const std::string behind_2 = "Cannot resume " + NodeName(1) + " as valid: " + NodeName(2) +
+                                 ", added after it, is not a valid resumed snap.";
+
+    EXPECT_EQ(ResumeSnap(control(), 1), EINVAL) << "before snap 2";
+    ASSERT_EQ(StartNode(control(), 2), 0);
+    EXPECT_EQ(ResumeSnap(control(), 1), EINVAL) << "behind a fresh start of snap 2";
+    ASSERT_EQ(StopNode(control(), 2), 0);
+    ASSERT_EQ(ResumeSnap(control(), 2, {.valid = 0}), 0);
+    EXPECT_EQ(ResumeSnap(control(), 1), EINVAL) << "behind an invalid snap 2";
+
+    const LogPattern refused = LogPattern::Error(ResumeLine(behind_2));
+    EXPECT_TRUE(log().ContainsInOrder({refused, refused, refused}));
+    EXPECT_EQ(GetInfo(control(), 1).info.started, 0);
+}
+
+TEST_F(SnapResumeTest, ANewerSnapDoesNotResumeWhileAnOlderOneIsStarted) {
+    std::vector<std::uint8_t> at_t1;
+    std::vector<std::uint8_t> at_t2;
+    ASSERT_NO_FATAL_FAILURE(TwoSnapsAddedAgainAfterAReload(at_t1, at_t2));
+    ASSERT_EQ(ResumeSnap(control(), 1, {.valid = 0}), 0);
+
+    EXPECT_EQ(ResumeSnap(control(), 2), EINVAL);
+    EXPECT_EQ(ResumeSnap(control(), 2, {.valid = 0}), EINVAL);
+
+    const LogPattern refused =
+        LogPattern::Error(ResumeLine("Cannot resume " + NodeName(2) + " while " + NodeName(1) +
+                                     ", added before it, is started."));
+    EXPECT_TRUE(log().ContainsInOrder({refused, refused}));
+    EXPECT_EQ(GetInfo(control(), 2).info.started, 0);
 }
 
 }  // namespace

@@ -95,6 +95,10 @@ class Planner {
         for (const SnapConfig& snap : config_.snaps) {
             plan_snap(snap);
         }
+        // A filter's snaps are added in the order they were taken (their
+        // order in the configuration) and resumed newest first: the driver
+        // resumes a snap as valid only behind its newer snaps.
+        plan_.steps.insert(plan_.steps.end(), resumes_.rbegin(), resumes_.rend());
         for (const FilterConfig* filter : to_start_) {
             if (!started_by_resume_.contains(filter->name)) {
                 plan_.steps.push_back(
@@ -217,7 +221,7 @@ class Planner {
                      .uuid = snap.uuid,
                      .name = snap.name},
         });
-        plan_.steps.push_back({
+        resumes_.push_back({
             .action = StepAction::ResumeSnap,
             .name = snap.name,
             .minor = snap.minor,
@@ -237,6 +241,7 @@ class Planner {
     std::map<std::int32_t, trak::Info> nodes_;
     std::filesystem::path mounts_file_;
     ApplyPlan plan_;
+    std::vector<Step> resumes_;
     std::vector<const FilterConfig*> to_start_;
     std::set<std::string, std::less<>> started_by_resume_;
 };

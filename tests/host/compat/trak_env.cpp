@@ -168,12 +168,8 @@ loff_t trak_fsize(struct trak_file* file) {
     return fstat(file->fd, &st) != 0 ? -errno : st.st_size;
 }
 
-int trak_ftruncate(const char* path) {
-    const int fd = open(path, O_RDWR | O_TRUNC);
-    if (fd >= 0) {
-        close(fd);
-    }
-    return 0;
+int trak_ftruncate(struct trak_file* file) {
+    return ftruncate(file->fd, 0) != 0 || fsync(file->fd) != 0 ? -errno : 0;
 }
 
 int trak_fclose(struct trak_file* file) {

@@ -71,10 +71,8 @@ static inline void vfree(const void* p) { free((void*)p); }
 static inline bool test_bit(unsigned long nr, const unsigned long* addr) {
     return (addr[nr / BITS_PER_LONG] >> (nr % BITS_PER_LONG)) & 1;
 }
-static inline bool test_and_set_bit(unsigned long nr, unsigned long* addr) {
-    const bool was = test_bit(nr, addr);
+static inline void set_bit(unsigned long nr, unsigned long* addr) {
     addr[nr / BITS_PER_LONG] |= 1UL << (nr % BITS_PER_LONG);
-    return was;
 }
 /* The first byte of @start that is not @c, or NULL. */
 static inline void* memchr_inv(const void* start, int c, size_t bytes) {
@@ -183,7 +181,7 @@ int trak_fwrite(struct trak_file* file, loff_t off, const void* buf, int count);
 int trak_fclose(struct trak_file* file);
 int trak_fdatasync(struct trak_file* file);
 loff_t trak_fsize(struct trak_file* file);
-int trak_ftruncate(const char* path);
+int trak_ftruncate(struct trak_file* file);
 
 // NOLINTEND
 

@@ -1,5 +1,5 @@
-// The COW bitmap in memory and in its file: sparse segments, write-through
-// of single bytes, and the file format (no header, byte k holds chunks 8k
+// The COW bitmap in memory and in its file: sparse segments, bits written
+// to the file ahead of memory, and the file format (no header, byte k holds chunks 8k
 // to 8k + 7, least significant bit first).
 #include <gtest/gtest.h>
 
@@ -57,40 +57,51 @@ TEST_F(CowBitmap, AChunkOfAnAbsentSegmentIsNotPreservedAndTakesNoMemory) {
     EXPECT_EQ(TakeLog(), expected);
 }
 
-TEST_F(CowBitmap, ANewBitIsWrittenThroughAsItsByte) {
+TEST_F(CowBitmap, WriteAheadWritesTheBytesOfTheBitsButSetsNoneInMemory) {
     ASSERT_EQ(trak_cowbmp_init(&bmp_, 100000), 0);
     ASSERT_NE(OpenFile("bmp", 12500), nullptr);
-    ASSERT_EQ(trak_cowbmp_set_bit(&bmp_, 70001, GFP_NOIO, file_), 0);
-    ASSERT_EQ(trak_cowbmp_set_bit(&bmp_, 70003, GFP_NOIO, file_), 0);
-    CloseFile();
+    const std::vector<u32> chunks = {70001, 70003, 70100};
+    ASSERT_EQ(trak_cowbmp_write_ahead(&bmp_, chunks.data(), chunks.size(), GFP_NOIO, file_), 0);
 
     std::vector<std::uint8_t> expected(12500, 0);
     expected[70001 / 8] = 0b1010;  // chunks 70001 and 70003: bits 1 and 3
+    expected[70100 / 8] = 1U << (70100 % 8);
     EXPECT_EQ(ReadAll(files_.Path("bmp")), expected);
+    EXPECT_EQ(trak_cowbmp_test_bit(&bmp_, 70001), 0) << "published before it is durable";
+    ASSERT_NE(bmp_.segs[2], nullptr) << "the segment the bits need is made ahead";
+    EXPECT_EQ(bmp_.segs[0], nullptr) << "only the segment of the chunks is made";
+
+    trak_cowbmp_publish(&bmp_, chunks.data(), chunks.size());
     EXPECT_EQ(trak_cowbmp_test_bit(&bmp_, 70001), 1);
     EXPECT_EQ(trak_cowbmp_test_bit(&bmp_, 70002), 0);
-    EXPECT_EQ(bmp_.segs[0], nullptr) << "only the segment of the chunks is made";
+    EXPECT_EQ(trak_cowbmp_test_bit(&bmp_, 70003), 1);
+    EXPECT_EQ(trak_cowbmp_test_bit(&bmp_, 70100), 1);
 }
 
-TEST_F(CowBitmap, ABitAlreadySetWritesNothing) {
+TEST_F(CowBitmap, WriteAheadKeepsTheBitsAlreadySetInItsByte) {
     ASSERT_EQ(trak_cowbmp_init(&bmp_, 1000), 0);
     ASSERT_NE(OpenFile("bmp", 125), nullptr);
-    ASSERT_EQ(trak_cowbmp_set_bit(&bmp_, 9, GFP_NOIO, file_), 0);
-    // Zeroed behind the bitmap's back: a second set must not write it again.
+    const u32 first = 9;
+    ASSERT_EQ(trak_cowbmp_write_ahead(&bmp_, &first, 1, GFP_NOIO, file_), 0);
+    trak_cowbmp_publish(&bmp_, &first, 1);
+    // Zeroed behind the bitmap's back: the next byte written holds both.
     WriteAll(files_.Path("bmp"), std::vector<std::uint8_t>(125, 0));
-    ASSERT_EQ(trak_cowbmp_set_bit(&bmp_, 9, GFP_NOIO, file_), 0);
+    const u32 second = 10;
+    ASSERT_EQ(trak_cowbmp_write_ahead(&bmp_, &second, 1, GFP_NOIO, file_), 0);
     CloseFile();
-    EXPECT_EQ(ReadAll(files_.Path("bmp")), std::vector<std::uint8_t>(125, 0));
+    std::vector<std::uint8_t> expected(125, 0);
+    expected[1] = 0b110;  // chunks 9 and 10
+    EXPECT_EQ(ReadAll(files_.Path("bmp")), expected);
 }
 
-TEST_F(CowBitmap, ANewSegmentNeedsAFileAnExistingOneDoesNot) {
+TEST_F(CowBitmap, WriteAheadWithoutAFileFailsAndSetsNothing) {
     ASSERT_EQ(trak_cowbmp_init(&bmp_, 1000), 0);
-    EXPECT_EQ(trak_cowbmp_set_bit(&bmp_, 3, GFP_NOIO, nullptr), -EIO);
-    EXPECT_EQ(trak_cowbmp_test_bit(&bmp_, 3), 1) << "the bit stays set in memory";
-    EXPECT_EQ(trak_cowbmp_set_bit(&bmp_, 4, GFP_NOIO, nullptr), 0);
+    const u32 chunk = 3;
+    EXPECT_EQ(trak_cowbmp_write_ahead(&bmp_, &chunk, 1, GFP_NOIO, nullptr), -EIO);
+    EXPECT_EQ(trak_cowbmp_test_bit(&bmp_, 3), 0);
     const std::vector<LogLine> expected = {
         {2, "trak_cowbmp_init(): Allocating COW bitmap for 1000 chunks"},
-        {TRAK_LOG_ERR, "trak_cowbmp_set_bit(): Failed to update changed byte in file."}};
+        {TRAK_LOG_ERR, "trak_cowbmp_write_ahead(): Failed to update changed byte in file."}};
     EXPECT_EQ(TakeLog(), expected);
 }
 
@@ -108,10 +119,10 @@ TEST_F(CowBitmap, SavedBitsLoadBack) {
     const std::uint64_t chunks = 3 * kSegChunks + 17;
     ASSERT_EQ(trak_cowbmp_init(&bmp_, chunks), 0);
     ASSERT_NE(OpenFile("live", (chunks + 7) / 8), nullptr);
-    for (const std::uint64_t c : {std::uint64_t{0}, std::uint64_t{7}, std::uint64_t{8},
-                                  kSegChunks * 2 + 1, kSegChunks * 3 + 16}) {
-        ASSERT_EQ(trak_cowbmp_set_bit(&bmp_, static_cast<u32>(c), GFP_NOIO, file_), 0) << c;
-    }
+    const std::vector<u32> marked = {0, 7, 8, static_cast<u32>(kSegChunks * 2 + 1),
+                                     static_cast<u32>(kSegChunks * 3 + 16)};
+    ASSERT_EQ(trak_cowbmp_write_ahead(&bmp_, marked.data(), marked.size(), GFP_NOIO, file_), 0);
+    trak_cowbmp_publish(&bmp_, marked.data(), marked.size());
     const std::string path = files_.Path("saved");
     ASSERT_EQ(trak_cowbmp_save(&bmp_, path.c_str()), 0);
     EXPECT_EQ(ReadAll(path), ReadAll(files_.Path("live"))) << "save equals the write-through";
@@ -169,12 +180,13 @@ TEST_F(CowBitmap, AFileThatCannotBeOpenedLeavesTheBitmapAsItWas) {
 
 TEST_F(CowBitmap, AnUninitialisedBitmapCountsEveryChunkAsPreserved) {
     EXPECT_EQ(trak_cowbmp_test_bit(&bmp_, 12), -EINVAL);
-    EXPECT_EQ(trak_cowbmp_set_bit(&bmp_, 12, GFP_NOIO, nullptr), -EINVAL);
+    const u32 chunk = 12;
+    EXPECT_EQ(trak_cowbmp_write_ahead(&bmp_, &chunk, 1, GFP_NOIO, nullptr), -EINVAL);
     EXPECT_EQ(trak_cowbmp_save(&bmp_, files_.Path("out").c_str()), -EINVAL);
     EXPECT_EQ(trak_cowbmp_load(&bmp_, ""), -EINVAL);
     const std::vector<LogLine> expected = {
         {TRAK_LOG_ERR, "trak_cowbmp_test_bit(): Uninitialized COW bitmap."},
-        {TRAK_LOG_ERR, "trak_cowbmp_set_bit(): Uninitialized COW bitmap."},
+        {TRAK_LOG_ERR, "trak_cowbmp_write_ahead(): Uninitialized COW bitmap."},
         {TRAK_LOG_ERR, "trak_cowbmp_save(): Internal error: invalid params."},
         {TRAK_LOG_ERR, "trak_cowbmp_load(): Internal error: invalid params."}};
     EXPECT_EQ(TakeLog(), expected);
