@@ -66,7 +66,7 @@ static int trak_block_destroy_nodes(void)
 	for (minor = 0; minor <= trak_max_blk_minor && !rc; minor++) {
 		if (trak_blkdev_arr[minor])
 			rc = trak_block_destroy_device(trak_blkdev_arr[minor],
-						       0);
+						       NULL);
 	}
 	if (!rc)
 		trak_registry_destroy();

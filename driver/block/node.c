@@ -18,6 +18,7 @@
 #include "snap/snap_node.h"
 #include "util/bdev.h"
 #include "util/devnode.h"
+#include "util/unlink_batch.h"
 
 /* DEL_NODE of an unknown minor answers +22: agents rely on the positive value. */
 #define TRAK_DEL_UNKNOWN	EINVAL
@@ -55,7 +56,8 @@ void trak_node_free(struct trak_blkdev *dev)
 }
 
 /* A filter goes with its snaps, first of all. */
-static int trak_filter_destroy(struct trak_blkdev *dev, int unlink_files)
+static int trak_filter_destroy(struct trak_blkdev *dev,
+			       struct trak_unlink_batch *cow_files)
 {
 	struct trak_filter *f = &dev->filter;
 	struct trak_blkdev *snap;
@@ -66,7 +68,7 @@ static int trak_filter_destroy(struct trak_blkdev *dev, int unlink_files)
 		trak_log(3, "%s(): Deleting associated snap trak(%d, %d)",
 			 "trak_block_destroy_device", trak_blk_major,
 			 snap->minor);
-		rc = trak_block_destroy_device(snap, unlink_files);
+		rc = trak_block_destroy_device(snap, cow_files);
 		if (rc)
 			return rc;
 	}
@@ -79,7 +81,8 @@ static int trak_filter_destroy(struct trak_blkdev *dev, int unlink_files)
 }
 
 /* Called with trak_blkdev_rwlock held for writing. */
-int trak_block_destroy_device(struct trak_blkdev *dev, int unlink_files)
+int trak_block_destroy_device(struct trak_blkdev *dev,
+			      struct trak_unlink_batch *cow_files)
 {
 	if (!dev) {
 		trak_log(TRAK_LOG_ERR, "%s(): Internal error: dev==NULL",
@@ -108,12 +111,13 @@ int trak_block_destroy_device(struct trak_blkdev *dev, int unlink_files)
 	}
 
 	if (dev->dev_type == TRAK_DEV_SNAP)
-		return trak_snap_destroy(dev, unlink_files);
-	return trak_filter_destroy(dev, unlink_files);
+		return trak_snap_destroy(dev, cow_files);
+	return trak_filter_destroy(dev, cow_files);
 }
 
 int trak_ioctl_del_node(struct trak_minor_args *rec)
 {
+	TRAK_UNLINK_BATCH(cow_files);
 	struct trak_blkdev *dev;
 	int rc;
 
@@ -129,8 +133,10 @@ int trak_ioctl_del_node(struct trak_minor_args *rec)
 
 	oxwrite_lock(&trak_blkdev_rwlock);
 	dev = trak_blkdev_find(rec->minor);
-	rc = dev ? trak_block_destroy_device(dev, 1) : TRAK_DEL_UNKNOWN;
+	rc = dev ? trak_block_destroy_device(dev, &cow_files) :
+		TRAK_DEL_UNKNOWN;
 	oxwrite_unlock(&trak_blkdev_rwlock);
+	trak_unlink_batch_run(&cow_files);
 out:
 	if (rc == TRAK_DEL_UNKNOWN)
 		trak_log(TRAK_LOG_ERR, "%s(): Nothing is known about trak(%d, %d)",

@@ -17,6 +17,7 @@
 #include "snap_lifecycle.h"
 #include "snap_node.h"
 #include "util/devnode.h"
+#include "util/unlink_batch.h"
 
 /* 2^30 chunks at most: larger volumes get larger chunks. */
 #define TRAK_MAX_SNAP_CHUNKS	0x40000000ULL
@@ -296,30 +297,50 @@ int trak_ioctl_resume_snap(struct trak_resume_snap_args *rec)
 	return rc;
 }
 
-/*
- * Takes a stopped snap away, with its COW files when @unlink_files; the
- * delete of a DEFUNCT snap after it, which waited for this one, follows.
- * Called with trak_blkdev_rwlock held for writing.
- */
-int trak_snap_destroy(struct trak_blkdev *dev, int unlink_files)
+/* The first snap of @filter whose delete waited, and may happen now. */
+static struct trak_blkdev *trak_snap_postponed_delete(struct trak_blkdev *filter)
+{
+	struct trak_blkdev *snap;
+
+	list_for_each_entry(snap, &filter->filter.snaps, snap.snap_link) {
+		if (snap->snap.del_pending && !snap->started)
+			return snap;
+	}
+	return NULL;
+}
+
+/* Takes a stopped snap away; its COW files go to @cow_files, if any. */
+static void trak_snap_destroy_one(struct trak_blkdev *dev,
+				  struct trak_unlink_batch *cow_files)
 {
 	struct trak_blkdev *filter = dev->snap.filter;
-	struct trak_blkdev *next;
-	int rc = 0;
 
-	if (unlink_files) {
-		trak_unlink(dev->snap.cow_data_fname);
-		trak_unlink(dev->snap.cow_bmp_fname);
+	if (cow_files) {
+		trak_unlink_later(cow_files, dev->snap.cow_data_fname);
+		trak_unlink_later(cow_files, dev->snap.cow_bmp_fname);
 	}
 	oxwrite_lock(&filter->filter.io_lock);
 	list_del(&dev->snap.snap_link);
 	oxwrite_unlock(&filter->filter.io_lock);
 	trak_node_take_down(dev);
-
-	next = list_first_entry_or_null(&filter->filter.snaps,
-					struct trak_blkdev, snap.snap_link);
-	if (next && next->snap.del_pending)
-		rc = trak_block_destroy_device(next, unlink_files);
 	trak_node_free(dev);
-	return rc;
+}
+
+/*
+ * Takes a stopped snap away; then every DEFUNCT snap whose delete waited
+ * for an older snap's stop, and is stopped by now, follows.  Called with
+ * trak_blkdev_rwlock held for writing.
+ */
+int trak_snap_destroy(struct trak_blkdev *dev,
+		      struct trak_unlink_batch *cow_files)
+{
+	struct trak_blkdev *filter = dev->snap.filter;
+
+	trak_snap_destroy_one(dev, cow_files);
+	while ((dev = trak_snap_postponed_delete(filter))) {
+		trak_log(1, "%s(): Destroying trak(%d, %d)",
+			 "trak_block_destroy_device", trak_blk_major, dev->minor);
+		trak_snap_destroy_one(dev, cow_files);
+	}
+	return 0;
 }

@@ -5,9 +5,11 @@
 #include "trak_ioctl.h"
 
 struct trak_blkdev;
+struct trak_unlink_batch;
 
 int trak_ioctl_add_snap_node(struct trak_add_snap_args *rec);
 int trak_ioctl_resume_snap(struct trak_resume_snap_args *rec);
-int trak_snap_destroy(struct trak_blkdev *dev, int unlink_files);
+int trak_snap_destroy(struct trak_blkdev *dev,
+		      struct trak_unlink_batch *cow_files);
 
 #endif

@@ -239,6 +239,37 @@ TEST_F(SnapLifecycleTest, DeleteOfDefunctSnapIsCarriedOutByTheEarlierSnapsDelete
     EXPECT_EQ(ReadText("/proc/trak/trak0/snaps").text, "");
 }
 
+// Snap 1 is stopped, not deleted, and stays first in the filter's list:
+// the delete that waited for snap 2's stop is carried out all the same.
+TEST_F(SnapLifecycleTest, DeleteOfDefunctSnapIsCarriedOutBehindAStoppedOlderSnap) {
+    ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd_, kExtent, 0, true));
+    ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 1));
+    ASSERT_EQ(StopNode(control(), 1), 0);
+    ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 2));
+    ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 3));
+    ASSERT_EQ(StopNode(control(), 3), 0);
+    ASSERT_EQ(DeleteNode(control(), 3), 0);
+    ASSERT_EQ(GetInfo(control(), 3).info.del_pending, 1U);
+    log().Mark();
+
+    EXPECT_EQ(DeleteNode(control(), 2), 0);
+
+    EXPECT_TRUE(log().ContainsInOrder(
+        {LogPattern::Info("trak_block_destroy_device(): Destroying " + NodeName(2)),
+         LogPattern::Info("trak_block_destroy_device(): Destroying " + NodeName(3))}));
+    for (const std::int32_t minor : {2, 3}) {
+        SCOPED_TRACE(minor);
+        EXPECT_EQ(GetInfo(control(), minor).error, EINVAL);
+        EXPECT_FALSE(std::filesystem::exists(CowDataPath(minor)));
+        EXPECT_FALSE(std::filesystem::exists(CowBitmapPath(minor)));
+    }
+    const NodeInfo kept = GetInfo(control(), 1);
+    ASSERT_EQ(kept.error, 0) << "the stopped snap went too";
+    EXPECT_EQ(kept.info.started, 0);
+    EXPECT_TRUE(std::filesystem::exists(CowDataPath(1)));
+    EXPECT_EQ(GetInfo(control(), 0).info.snap_cnt, 1U);
+}
+
 // A snap's disk is read-only, so the block layer refuses writes and
 // zero-outs before they reach the driver; neither may change the snap or the
 // HDD under it.
