@@ -1,13 +1,23 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * Block-device commands on a node are answered by the partition under its
- * filter: a node has the size and geometry of what it stands on.
+ * Block-device commands on a node. The block layer answers the size, limit
+ * and read-only queries on the node itself, which has the size and limits
+ * of the partition under its filter, and the geometry through getgeo below.
+ * What reaches the driver is a command of some device's own driver: none
+ * is passed on to the partition's driver, since raw SCSI, ATA or NVMe
+ * commands, or a loop or device-mapper command, would write to or change
+ * the partition around copy-on-write and change tracking.
  */
 #include <linux/blkdev.h>
 #include <linux/blkpg.h>
+#include <linux/cdrom.h>
 #include <linux/fs.h>
 #include <linux/hdreg.h>
+#include <linux/nvme_ioctl.h>
+#include <linux/sed-opal.h>
 #include <linux/uaccess.h>
+#include <scsi/scsi_ioctl.h>
+#include <scsi/sg.h>
 
 #include "block_ioctl.h"
 #include "core/log.h"
@@ -42,6 +52,31 @@ static const char *trak_blk_cmd_name(unsigned int cmd)
 	}
 }
 
+/* Commands that hand a raw command to the device: refused on purpose. */
+static bool trak_is_passthrough(unsigned int cmd)
+{
+	switch (cmd) {
+	case SG_IO:
+	case SCSI_IOCTL_SEND_COMMAND:
+	case CDROM_SEND_PACKET:
+	case HDIO_DRIVE_CMD:
+	case HDIO_DRIVE_TASK:
+	case HDIO_DRIVE_TASKFILE:
+	case NVME_IOCTL_ADMIN_CMD:
+	case NVME_IOCTL_SUBMIT_IO:
+	case NVME_IOCTL_IO_CMD:
+	case NVME_IOCTL_RESET:
+	case NVME_IOCTL_SUBSYS_RESET:
+	case NVME_IOCTL_RESCAN:
+	case NVME_IOCTL_ADMIN64_CMD:
+	case NVME_IOCTL_IO64_CMD:
+	case NVME_IOCTL_IO64_CMD_VEC:
+		return true;
+	default:
+		return is_sed_ioctl(cmd);
+	}
+}
+
 /* The filter whose partition answers for @dev, or NULL. */
 static struct trak_blkdev *trak_answering_filter(struct trak_blkdev *dev)
 {
@@ -57,10 +92,8 @@ int trak_block_ioctl(struct block_device *bdev, fmode_t mode,
 		     unsigned int cmd, unsigned long arg)
 {
 	int minor = bdev->bd_disk->first_minor;
-	const struct block_device_operations *ops;
-	struct trak_blkdev *dev, *filter;
-	struct block_device *hdd;
-	int rc = 0;
+	struct trak_blkdev *dev;
+	int rc;
 
 	oxread_lock(&trak_blkdev_rwlock);
 	dev = trak_blkdev_find(minor);
@@ -79,17 +112,13 @@ int trak_block_ioctl(struct block_device *bdev, fmode_t mode,
 		goto out;
 	}
 
-	filter = trak_answering_filter(dev);
-	if (!filter) {
+	if (!trak_answering_filter(dev)) {
 		trak_log(TRAK_LOG_ERR, "%s(): Internal error: fdev==NULL.",
 			 __func__);
 		rc = -EIO;
 		goto out;
 	}
-	hdd = filter->filter.hdd_bdev;
-	ops = hdd->bd_disk->fops;
-	if (ops->ioctl)
-		rc = ops->ioctl(hdd, mode, cmd, arg);
+	rc = trak_is_passthrough(cmd) ? -EPERM : -ENOTTY;
 out:
 	oxread_unlock(&trak_blkdev_rwlock);
 	return rc;

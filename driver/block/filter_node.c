@@ -64,6 +64,27 @@ static int trak_check_hdd_unused(struct block_device *hdd, const char *path,
 	return 0;
 }
 
+/*
+ * An empty device (a loop device with no file) has no extent to track; on
+ * a zoned one, zone resets and appends would change data that neither the
+ * change bitmaps nor copy-on-write see.
+ */
+static int trak_check_hdd_trackable(struct block_device *hdd, const char *path,
+				    const char *func)
+{
+	if (!bdev_nr_bytes(hdd)) {
+		trak_log(TRAK_LOG_ERR, "%s(): HDD device %s is empty.", func,
+			 path);
+		return -EINVAL;
+	}
+	if (bdev_is_zoned(hdd)) {
+		trak_log(TRAK_LOG_ERR, "%s(): Can't attach to zoned HDD device %s",
+			 func, path);
+		return -EINVAL;
+	}
+	return 0;
+}
+
 static int trak_check_extent_size(u32 extent_size, u32 block_size,
 				  const char *func)
 {
@@ -198,13 +219,9 @@ int trak_ioctl_add_filter_node(struct trak_add_filter_args *rec)
 				    bdev_logical_block_size(probe), __func__);
 	if (rc)
 		goto out_probe;
-	/* An empty device (a loop device with no file) has no extent to track. */
-	if (!bdev_nr_bytes(probe)) {
-		trak_log(TRAK_LOG_ERR, "%s(): HDD device %s is empty.", __func__,
-			 rec->hdd_name);
-		rc = -EINVAL;
+	rc = trak_check_hdd_trackable(probe, rec->hdd_name, __func__);
+	if (rc)
 		goto out_probe;
-	}
 
 	dev = kzalloc(sizeof(*dev), GFP_KERNEL);
 	if (!dev) {

@@ -17,24 +17,83 @@
 #include "snap_lifecycle.h"
 #include "snap_node.h"
 #include "util/devnode.h"
+#include "util/stack.h"
 #include "util/unlink_batch.h"
 
 /* 2^30 chunks at most: larger volumes get larger chunks. */
 #define TRAK_MAX_SNAP_CHUNKS	0x40000000ULL
 #define TRAK_MIN_CHUNK_SIZE	4096
 
+/* How many devices under a COW file system are looked at, at most. */
+#define TRAK_MAX_STACKED_DEVS	256
+
+/* What @devt stands on: a filter node's partition, or what sysfs shows. */
+static int trak_devices_under(dev_t devt, dev_t *lower, int max)
+{
+	struct trak_blkdev *dev;
+	int cnt = 0;
+
+	if (MAJOR(devt) != trak_blk_major)
+		return trak_lower_devices(devt, lower, max);
+	oxread_lock(&trak_blkdev_rwlock);
+	dev = trak_blkdev_find(MINOR(devt));
+	if (dev && dev->dev_type == TRAK_DEV_FILTER && max > 0) {
+		lower[0] = dev->filter.hdd_dev;
+		cnt = 1;
+	}
+	oxread_unlock(&trak_blkdev_rwlock);
+	return cnt;
+}
+
+/*
+ * Whether the file system on @devt is on the filter node @filter_minor,
+ * directly or through devices stacked on it (device-mapper, md, a loop
+ * device over the node or over a file on it, another filter node): kcowd's
+ * writes to a COW file there would come back to the filter it serves.
+ */
+static int trak_on_snapped_partition(dev_t devt, u32 filter_minor,
+				     bool *on_it, const char *func)
+{
+	dev_t snapped = MKDEV(trak_blk_major, filter_minor);
+	dev_t *devs;
+	int cnt = 1, i;
+
+	devs = kmalloc_array(TRAK_MAX_STACKED_DEVS, sizeof(*devs), GFP_KERNEL);
+	if (!devs) {
+		trak_log(TRAK_LOG_ERR, "%s(): Memory allocation failure", func);
+		return -ENOMEM;
+	}
+	devs[0] = devt;
+	*on_it = false;
+	for (i = 0; i < cnt; i++) {
+		if (devs[i] == snapped) {
+			*on_it = true;
+			break;
+		}
+		cnt += trak_devices_under(devs[i], devs + cnt,
+					  TRAK_MAX_STACKED_DEVS - cnt);
+	}
+	kfree(devs);
+	return 0;
+}
+
 /* COW files must be on a file system with a device, and not the snapped one. */
 static int trak_check_cow_file(const char *fname, u32 filter_minor,
 			       const char *func)
 {
 	dev_t devt = trak_get_file_devt(fname);
+	bool on_it;
+	int rc;
 
 	if (devt <= MINORMASK) {
 		trak_log(TRAK_LOG_ERR, "%s(): Failed to get ID of the device with %s",
 			 func, fname);
 		return -EINVAL;
 	}
-	if (devt == MKDEV(trak_blk_major, filter_minor)) {
+	rc = trak_on_snapped_partition(devt, filter_minor, &on_it, func);
+	if (rc)
+		return rc;
+	if (on_it) {
 		trak_log(TRAK_LOG_ERR, "%s(): File %s can't be on the partition being snapped!",
 			 func, fname);
 		return -EINVAL;

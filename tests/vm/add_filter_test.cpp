@@ -25,6 +25,8 @@ namespace {
 constexpr std::uint32_t kExtent = 65536;
 constexpr const char* kAddFunction = "trak_ioctl_add_filter_node(): ";
 constexpr const char* kSpareMount = "/mnt/trak-spare";
+// The one device of null_blk loaded with zoned=1.
+constexpr const char* kZonedDisk = "/dev/nullb0";
 
 // A child process that holds a device file open until this is destroyed.
 class OpenInAnotherProcess {
@@ -175,6 +177,21 @@ TEST_F(AddFilterTest, EmptyHddIsRefused) {
     ASSERT_FALSE(loop.empty());
 
     ExpectRefused(loop, kExtent, EINVAL, "HDD device " + loop + " is empty.");
+}
+
+// Zone resets and appends would change a zoned device around the change
+// bitmaps and copy-on-write: such a device is never filtered.
+TEST_F(AddFilterTest, ZonedHddIsRefused) {
+    ASSERT_TRUE(
+        Succeeds({"modprobe", "null_blk", "nr_devices=1", "zoned=1", "gb=1", "zone_size=64"}));
+
+    ExpectRefused(kZonedDisk, kExtent, EINVAL,
+                  std::string("Can't attach to zoned HDD device ") + kZonedDisk);
+
+    // A filter added by mistake would hold the device until the driver goes.
+    EXPECT_EQ(UnloadDriver(), 0);
+    EXPECT_TRUE(Succeeds({"modprobe", "-r", "null_blk"}));
+    ASSERT_NO_FATAL_FAILURE(LoadDriverAgain());
 }
 
 TEST_F(AddFilterTest, ExtentSizeMustBeMultipleOfBlockSize) {
