@@ -12,7 +12,7 @@
 # of partition writes, and at random points.
 #
 # Without --full: writers for 30 s and 40 random points, 64 KiB chunks
-# (the CTest vm.crash-consistency, about 3 minutes under TCG). With
+# (the CTest vm.crash-consistency, 3 to 4 minutes under TCG). With
 # --full (make crash-replay): a run of 64 KiB chunks and one of 4 KiB
 # chunks, writers for 90 s and 500 random points each. TRAK_CRASH_SEED, TRAK_CRASH_WRITE_SECONDS and
 # TRAK_CRASH_RANDOM_PREFIXES, when set, choose instead; the seed of each
