@@ -9,10 +9,11 @@
 // written sectors, except for discards and marks. Sector numbers and
 // counts are in units of the logged device's logical block size.
 //
-// A write is logged only once it completed and a flush (or a FUA write)
-// that followed it did; between two flushes the writes appear in the order
-// they completed. Replaying the entries in order therefore gives, at any
-// prefix, a state the disk may have held at a power failure.
+// A write is logged only once it completed and a flush issued after that
+// completed too (a FUA write: once it completed); the writes a flush
+// covers come before it, in the order they completed. Replaying the
+// entries in order therefore gives, at any prefix, a state the disk may
+// have held at a power failure.
 #ifndef TRAK_TESTS_VM_SUPPORT_WRITE_LOG_H_
 #define TRAK_TESTS_VM_SUPPORT_WRITE_LOG_H_
 
@@ -27,11 +28,10 @@
 namespace trak::vmtest {
 
 struct LoggedWrite {
+    // Bits of `flags` (besides them, 1 << 1 is FUA and 1 << 4 metadata).
     static constexpr std::uint64_t kFlush = 1U << 0;
-    static constexpr std::uint64_t kFua = 1U << 1;
     static constexpr std::uint64_t kDiscard = 1U << 2;
     static constexpr std::uint64_t kMark = 1U << 3;
-    static constexpr std::uint64_t kMetadata = 1U << 4;
 
     std::uint64_t offset = 0;  // in bytes on the logged device
     std::uint64_t length = 0;  // in bytes; 0 for a flush without data or a mark
