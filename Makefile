@@ -12,6 +12,9 @@
 #                 kmemleak...); builds that kernel once per machine
 #   make fuzz     the fuzzers, long: file systems on the host, ioctls in
 #                 the VM (on the debug kernel when it is built)
+#   make crash-replay  a snap's copy-on-write order at every moment a
+#                 power failure could hit, long: writes logged in the test
+#                 VM and replayed (a short run is part of `check`)
 #   make demo     track a partition in the test VM, end to end
 #   make bench    both benchmarks (bench-cbt, bench-snap), in the test VM
 #   make bench-cbt   the change-tracking benchmark
@@ -38,8 +41,8 @@ SAN_TARGETS = trak_host_tests fsmap_tests snap_tests trakctl fsmap_regression_te
 
 PREFIX ?= /usr/local
 
-.PHONY: all deps module tools san lint check check-debug fuzz demo bench bench-cbt bench-snap \
-	install uninstall deb clean
+.PHONY: all deps module tools san lint check check-debug fuzz crash-replay demo bench bench-cbt \
+	bench-snap install uninstall deb clean
 
 all: module tools
 
@@ -76,6 +79,10 @@ fuzz: module tools san
 	tests/fuzz/run-fsmap-fuzz.sh $(SAN_BUILD)/tests/fuzz/fsmap_fuzz \
 		$(SAN_BUILD)/tests/fuzz/make_fsmap_seeds $(SAN_BUILD)/fuzz-fsmap $(FUZZ_SECONDS)
 	TRAK_FUZZ_CALLS=$(FUZZ_CALLS) scripts/fuzz-ioctl.sh $(BUILD)
+
+crash-replay: module tools
+	tests/vm/crash-consistency.sh $(BUILD)/vm-crash-replay-out \
+		$(BUILD)/tests/vm/trak_vm_crash_tests --full
 
 demo: module tools
 	scripts/demo.sh $(BUILD)
