@@ -242,7 +242,7 @@ TEST_F(SnapLifecycleTest, DeleteOfDefunctSnapIsCarriedOutByTheEarlierSnapsDelete
 // Snap 1 is stopped, not deleted, and stays first in the filter's list:
 // the delete that waited for snap 2's stop is carried out all the same.
 TEST_F(SnapLifecycleTest, DeleteOfDefunctSnapIsCarriedOutBehindAStoppedOlderSnap) {
-    ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd_, kExtent, 0, true));
+    ASSERT_NO_FATAL_FAILURE(AddFilterNode(hdd(), kExtent, 0, true));
     ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 1));
     ASSERT_EQ(StopNode(control(), 1), 0);
     ASSERT_NO_FATAL_FAILURE(TakeSnap(0, kChunk, 2));
