@@ -4,8 +4,9 @@
  * partition yet.  Writes that would overwrite chunks a snap has not
  * preserved, writes that overlap a request already waiting, and snap reads
  * that must be served in order with them wait here, in the order the COW
- * thread serves them.  A hash of 4096-byte blocks lets the request path
- * ask quickly whether anything waiting overlaps a request.
+ * thread serves them.  An interval tree of their sector ranges lets the
+ * request path and the thread ask quickly whether anything waiting
+ * overlaps a request.
  *
  * The queue's lock is held only inside these operations, never across the
  * thread's I/O.  Only the COW thread removes requests.
@@ -14,6 +15,7 @@
 #define TRAK_SNAP_COWQUEUE_H
 
 #include <linux/list.h>
+#include <linux/rbtree.h>
 #include <linux/spinlock.h>
 #include <linux/types.h>
 #include <linux/wait.h>
@@ -21,9 +23,9 @@
 struct bio;
 
 struct trak_cowqueue {
-	spinlock_t lock;		/* requests, hash and cnt */
+	spinlock_t lock;		/* requests, tree and cnt */
 	struct list_head requests;	/* in the order they are served */
-	struct list_head *hash;		/* TRAK_COWQUEUE_BUCKETS of cow blocks */
+	struct rb_root_cached tree;	/* the same requests by sector range */
 	u32 cnt;			/* published as cowqueue_len */
 	wait_queue_head_t wait;		/* the COW thread; woken by appends */
 	wait_queue_head_t progress;	/* woken when a request leaves */
@@ -32,7 +34,10 @@ struct trak_cowqueue {
 /* One held request. */
 struct trak_cow_request {
 	struct list_head link;
-	struct list_head blocks;	/* its trak_cow_blocks, ascending */
+	struct rb_node rb;
+	sector_t subtree_last;		/* of the interval tree */
+	/* Orders requests as the list does: smaller comes first. */
+	u64 order;
 	s32 snap_minor;			/* the snap it is preserved for; -1 none */
 	struct bio *bio;		/* not owned: the submitter's */
 	sector_t first;

@@ -34,6 +34,32 @@ static bool trak_test_q_order(struct trak_cowqueue *q, const int *order,
 	return !trak_cowqueue_next(q, req) && trak_cowqueue_len(q) == n;
 }
 
+/* Whether the queue's requests start, in order, at @firsts[0..n). */
+static bool trak_test_q_firsts(struct trak_cowqueue *q, const sector_t *firsts,
+			       int n)
+{
+	struct trak_cow_request *req = NULL;
+	int i;
+
+	for (i = 0; i < n; i++) {
+		req = trak_cowqueue_next(q, req);
+		if (!req || req->first != firsts[i])
+			return false;
+	}
+	return !trak_cowqueue_next(q, req);
+}
+
+/* The queued request that starts at @first, or NULL. */
+static struct trak_cow_request *trak_test_q_at(struct trak_cowqueue *q,
+					       sector_t first)
+{
+	struct trak_cow_request *req = NULL;
+
+	while ((req = trak_cowqueue_next(q, req)) && req->first != first)
+		;
+	return req;
+}
+
 /* Removes every request without ending its bio. */
 static void trak_test_q_empty(struct trak_cowqueue *q)
 {
@@ -172,6 +198,95 @@ static int trak_test_cowqueue_restamp(void)
 	return rc;
 }
 
+/*
+ * A read goes after the last request in the list that it overlaps, which
+ * need not be the one that came last: reads overtake writes.  What counts
+ * as earlier for the COW thread is the same list order.
+ */
+static int trak_test_cowqueue_read_after_last_in_list(void)
+{
+	static struct trak_cowqueue q;
+	const int order[] = { 0, 2, 1, 3 };
+	int rc = -EINVAL;
+
+	if (!TRAK_CHECK(!trak_cowqueue_init(&q)))
+		return -EINVAL;
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(0, 0, 8, true), GFP_KERNEL);
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(1, 100, 8, true), GFP_KERNEL);
+	/* Overlaps nothing: second place, ahead of the write at 100. */
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(2, 200, 8, false), GFP_KERNEL);
+	/* Overlaps both; the write at 100 is the later one in the list. */
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(3, 99, 108, false),
+			     GFP_KERNEL);
+	if (!TRAK_CHECK(trak_test_q_order(&q, order, 4)) ||
+	    !TRAK_CHECK(!trak_cowqueue_overlaps_earlier(&q, trak_test_q_at(&q, 0))) ||
+	    !TRAK_CHECK(!trak_cowqueue_overlaps_earlier(&q, trak_test_q_at(&q, 200))) ||
+	    !TRAK_CHECK(!trak_cowqueue_overlaps_earlier(&q, trak_test_q_at(&q, 100))) ||
+	    !TRAK_CHECK(trak_cowqueue_overlaps_earlier(&q, trak_test_q_at(&q, 99))))
+		goto out;
+	/* Both requests it overlaps left: the read waits for nothing. */
+	trak_cowqueue_remove(&q, trak_test_q_at(&q, 100));
+	if (!TRAK_CHECK(trak_cowqueue_overlaps_earlier(&q, trak_test_q_at(&q, 99))))
+		goto out;
+	trak_cowqueue_remove(&q, trak_test_q_at(&q, 200));
+	if (TRAK_CHECK(!trak_cowqueue_overlaps_earlier(&q, trak_test_q_at(&q, 99))))
+		rc = 0;
+out:
+	trak_test_q_empty(&q);
+	trak_cowqueue_destroy(&q);
+	return rc;
+}
+
+#define TRAK_TEST_Q_READS	80
+
+/*
+ * Many reads overtaking the same writes, each into second place, use up
+ * the room between two order keys; the order stays that of the list.
+ */
+static int trak_test_cowqueue_many_reads_keep_order(void)
+{
+	static sector_t firsts[TRAK_TEST_Q_READS + 3];
+	static struct trak_cowqueue q;
+	struct trak_cow_request *req;
+	int i, rc = -EINVAL;
+
+	if (!TRAK_CHECK(!trak_cowqueue_init(&q)))
+		return -EINVAL;
+	/* A head write, a write overlapping the first read to come. */
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(0, 0, 8, true), GFP_KERNEL);
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(0, 16, 8, true), GFP_KERNEL);
+	firsts[0] = 0;
+	for (i = 0; i < TRAK_TEST_Q_READS; i++) {
+		/* Read i > 0 covers 1000 + 8 * i on; read 0 16..1007. */
+		trak_cowqueue_append(&q, 1,
+				     trak_test_q_bio(1, i ? 1000 + 8 * i : 16,
+						     i ? 8 : 992, false),
+				     GFP_KERNEL);
+		firsts[TRAK_TEST_Q_READS - i] = i ? 1000 + 8 * i : 16;
+	}
+	/* Read 0 went after the write at 16; every later one in second place. */
+	firsts[TRAK_TEST_Q_READS] = 16;
+	firsts[TRAK_TEST_Q_READS + 1] = 16;
+	/* A write over read 1 and read 0: at the tail, after both. */
+	trak_cowqueue_append(&q, 1, trak_test_q_bio(2, 1004, 8, true), GFP_KERNEL);
+	firsts[TRAK_TEST_Q_READS + 2] = 1004;
+	if (!TRAK_CHECK(trak_test_q_firsts(&q, firsts, TRAK_TEST_Q_READS + 3)))
+		goto out;
+	rc = 0;
+	for (req = trak_cowqueue_next(&q, NULL); req;
+	     req = trak_cowqueue_next(&q, req)) {
+		/* Only read 0 (after the write it overlaps) and the last write wait. */
+		if (!TRAK_CHECK(trak_cowqueue_overlaps_earlier(&q, req) ==
+				((!req->write && req->first == 16) ||
+				 (req->write && req->first == 1004))))
+			rc = -EINVAL;
+	}
+out:
+	trak_test_q_empty(&q);
+	trak_cowqueue_destroy(&q);
+	return rc;
+}
+
 #define TRAK_TEST_Q(test)					\
 static int test##_run(void)						\
 {									\
@@ -182,11 +297,17 @@ TRAK_TEST_Q(trak_test_cowqueue_read_placement)
 TRAK_TEST_Q(trak_test_cowqueue_overlap)
 TRAK_TEST_Q(trak_test_cowqueue_purge)
 TRAK_TEST_Q(trak_test_cowqueue_restamp)
+TRAK_TEST_Q(trak_test_cowqueue_read_after_last_in_list)
+TRAK_TEST_Q(trak_test_cowqueue_many_reads_keep_order)
 
 const struct trak_test_case trak_cowqueue_tests[] = {
 	{ "cowqueue_read_placement", trak_test_cowqueue_read_placement_run },
 	{ "cowqueue_overlap", trak_test_cowqueue_overlap_run },
 	{ "cowqueue_purge", trak_test_cowqueue_purge_run },
 	{ "cowqueue_restamp", trak_test_cowqueue_restamp_run },
+	{ "cowqueue_read_after_last_in_list",
+	  trak_test_cowqueue_read_after_last_in_list_run },
+	{ "cowqueue_many_reads_keep_order",
+	  trak_test_cowqueue_many_reads_keep_order_run },
 	{ }
 };
