@@ -10,10 +10,12 @@
 #include <linux/interval_tree_generic.h>
 #include <linux/mempool.h>
 #include <linux/mutex.h>
+#include <linux/sched.h>
 #include <linux/slab.h>
 
 #include "core/log.h"
 #include "cowqueue.h"
+#include "cowthread.h"
 
 #define TRAK_COWQUEUE_POOL_SIZE	8192
 /*
@@ -68,6 +70,7 @@ int trak_cowqueue_init(struct trak_cowqueue *q)
 	q->tree = RB_ROOT_CACHED;
 	init_waitqueue_head(&q->wait);
 	init_waitqueue_head(&q->progress);
+	init_waitqueue_head(&q->room);
 
 	mutex_lock(&trak_cowqueue_cnt_lock);
 	trak_cowqueue_cnt++;
@@ -158,10 +161,71 @@ static struct list_head *trak_cowqueue_place(struct trak_cowqueue *q,
 	return last ? &last->link : q->requests.next;
 }
 
+/*
+ * Whether this append may sleep for room: only a write, and only from a
+ * task that nothing the COW thread waits for depends on.  The COW thread's
+ * own writes to its COW files may pass through another filter, and
+ * kdirtyd (in a no-I/O scope, like the COW thread) releases writes that
+ * the COW thread's file writes may wait for.
+ */
+static bool trak_cowqueue_may_throttle(struct trak_cow_request *req,
+				       gfp_t gfp)
+{
+	return req->write && gfpflags_allow_blocking(gfp) &&
+	       !(current->flags & PF_MEMALLOC_NOIO) &&
+	       !trak_current_is_cowthread();
+}
+
+/*
+ * Waits, with the queue's lock held across the checks, until the queue
+ * has room or the wait is too long (then false).  Writers wait in line and
+ * keep their places when woken in vain; a newcomer does not take room
+ * that a woken writer is about to take.  The sleep flushes the caller's
+ * plug, so the requests it plugged before go on meanwhile.
+ */
+static bool trak_cowqueue_wait_room(struct trak_cowqueue *q,
+				    unsigned long *flags)
+{
+	unsigned long deadline = jiffies +
+				 msecs_to_jiffies(TRAK_COWQUEUE_THROTTLE_MS);
+	bool behind = q->throttled;
+	wait_queue_entry_t wait;
+	bool room;
+	long left;
+
+	if (!behind && q->cnt < TRAK_COWQUEUE_MAX_HELD)
+		return true;
+	q->throttled++;
+	init_waitqueue_entry(&wait, current);
+	add_wait_queue_exclusive(&q->room, &wait);
+	for (;;) {
+		set_current_state(TASK_UNINTERRUPTIBLE);
+		room = !behind && q->cnt < TRAK_COWQUEUE_MAX_HELD;
+		left = deadline - jiffies;
+		if (room || left <= 0)
+			break;
+		behind = false;
+		spin_unlock_irqrestore(&q->lock, *flags);
+		io_schedule_timeout(left);
+		spin_lock_irqsave(&q->lock, *flags);
+	}
+	__set_current_state(TASK_RUNNING);
+	remove_wait_queue(&q->room, &wait);
+	q->throttled--;
+	return room;
+}
+
+/* Called with the queue's lock held: whether a waiting writer fits in. */
+static bool trak_cowqueue_room_for_waiter(struct trak_cowqueue *q)
+{
+	return q->throttled && q->cnt < TRAK_COWQUEUE_MAX_HELD;
+}
+
 int trak_cowqueue_append(struct trak_cowqueue *q, s32 snap_minor,
 			 struct bio *bio, gfp_t gfp)
 {
 	struct trak_cow_request *req;
+	bool pass_room, room = true;
 	unsigned long flags;
 
 	trak_log(3, "%s(): Appending new request...", __func__);
@@ -179,11 +243,20 @@ int trak_cowqueue_append(struct trak_cowqueue *q, s32 snap_minor,
 	req->write = op_is_write(bio_op(bio));
 
 	spin_lock_irqsave(&q->lock, flags);
+	if (trak_cowqueue_may_throttle(req, gfp))
+		room = trak_cowqueue_wait_room(q, &flags);
 	list_add(&req->link, trak_cowqueue_place(q, req));
 	trak_cowqueue_set_order(q, req);
 	trak_cow_tree_insert(req, &q->tree);
 	q->cnt++;
+	/* Room left over goes to the next writer in line. */
+	pass_room = trak_cowqueue_room_for_waiter(q);
 	spin_unlock_irqrestore(&q->lock, flags);
+	if (!room)
+		trak_log(2, "%s(): COW queue still full after %d ms",
+			 __func__, TRAK_COWQUEUE_THROTTLE_MS);
+	if (pass_room)
+		wake_up(&q->room);
 	wake_up(&q->wait);
 	return 0;
 }
@@ -220,11 +293,15 @@ void trak_cowqueue_remove(struct trak_cowqueue *q,
 			  struct trak_cow_request *req)
 {
 	unsigned long flags;
+	bool room;
 
 	spin_lock_irqsave(&q->lock, flags);
 	trak_cowqueue_unlink(q, req);
+	room = trak_cowqueue_room_for_waiter(q);
 	spin_unlock_irqrestore(&q->lock, flags);
 	mempool_free(req, trak_cow_request_pool);
+	if (room)
+		wake_up(&q->room);
 	wake_up_all(&q->progress);
 }
 
@@ -248,6 +325,7 @@ int trak_cowqueue_purge(struct trak_cowqueue *q)
 		mempool_free(req, trak_cow_request_pool);
 		bio_io_error(bio);
 	}
+	wake_up_all(&q->room);
 	wake_up_all(&q->progress);
 	return 0;
 }

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
  * Unit tests of the COW queue: where requests are placed, what counts as
- * overlapping, and how waiting bios end when the queue is purged.
+ * overlapping, how waiting bios end when the queue is purged, and which
+ * writers wait while the queue is full.
  */
 #include <linux/bio.h>
 #include <linux/blkdev.h>
+#include <linux/jiffies.h>
+#include <linux/sched/mm.h>
 
 #include "snap/cowqueue.h"
 #include "test_bios.h"
@@ -287,6 +290,129 @@ out:
 	return rc;
 }
 
+static struct bio *trak_test_q_waiting_bio;
+
+static void trak_test_q_append_noio(void *queue)
+{
+	trak_cowqueue_append(queue, 1, trak_test_q_waiting_bio, GFP_NOIO);
+}
+
+/* Appends a write of @bio with @gfp; false if that took a wait. */
+static bool trak_test_q_appends_at_once(struct trak_cowqueue *q,
+					struct bio *bio, gfp_t gfp)
+{
+	unsigned long start = jiffies;
+
+	return !trak_cowqueue_append(q, 1, bio, gfp) &&
+	       jiffies_to_msecs(jiffies - start) < TRAK_TEST_BLOCKED_MS;
+}
+
+static void trak_test_q_remove_first(struct trak_cowqueue *q, int n)
+{
+	while (n--)
+		trak_cowqueue_remove(q, trak_cowqueue_next(q, NULL));
+}
+
+/*
+ * A full queue holds writers back, in the order they came, until room is
+ * made; reads, atomic callers and tasks in a no-I/O scope (the COW thread,
+ * kdirtyd) never wait.
+ */
+static int trak_test_cowqueue_bound(void)
+{
+	static struct trak_cowqueue q;
+	struct trak_test_task first, second;
+	struct bio *bio;
+	unsigned int noio;
+	int i, rc = -EINVAL;
+	bool noio_at_once;
+
+	if (!TRAK_CHECK(!trak_cowqueue_init(&q)))
+		return -EINVAL;
+	bio = trak_test_q_bio(0, 0, 8, true);
+	for (i = 0; i < TRAK_COWQUEUE_MAX_HELD; i++) {
+		if (!TRAK_CHECK(trak_test_q_appends_at_once(&q, bio, GFP_NOIO)))
+			goto out;
+	}
+	noio = memalloc_noio_save();
+	noio_at_once = trak_test_q_appends_at_once(&q, bio, GFP_NOIO);
+	memalloc_noio_restore(noio);
+	if (!TRAK_CHECK(noio_at_once) ||
+	    !TRAK_CHECK(trak_test_q_appends_at_once(&q, bio, GFP_ATOMIC)) ||
+	    !TRAK_CHECK(trak_test_q_appends_at_once(&q,
+			trak_test_q_bio(1, 0, 8, false), GFP_NOIO)) ||
+	    !TRAK_CHECK(trak_cowqueue_len(&q) == TRAK_COWQUEUE_MAX_HELD + 3))
+		goto out;
+
+	trak_test_q_waiting_bio = trak_test_q_bio(2, 64, 8, true);
+	if (trak_test_task_start(&first, trak_test_q_append_noio, &q))
+		goto out;
+	if (!TRAK_CHECK(trak_test_task_blocked(&first)) ||
+	    trak_test_task_start(&second, trak_test_q_append_noio, &q)) {
+		trak_test_q_remove_first(&q, 4);
+		trak_test_task_finished(&first);
+		trak_test_task_stop(&first);
+		goto out;
+	}
+	rc = 0;
+	/* Back to the bound: still full. */
+	trak_test_q_remove_first(&q, 3);
+	if (!TRAK_CHECK(trak_test_task_blocked(&first)) ||
+	    !TRAK_CHECK(trak_test_task_blocked(&second)))
+		rc = -EINVAL;
+	/* Room for one: the first writer takes it, the second waits on. */
+	trak_test_q_remove_first(&q, 1);
+	if (!TRAK_CHECK(trak_test_task_finished(&first)) ||
+	    !TRAK_CHECK(trak_test_task_blocked(&second)) ||
+	    !TRAK_CHECK(trak_cowqueue_len(&q) == TRAK_COWQUEUE_MAX_HELD))
+		rc = -EINVAL;
+	trak_test_q_remove_first(&q, 1);
+	if (!TRAK_CHECK(trak_test_task_finished(&second)) ||
+	    !TRAK_CHECK(trak_cowqueue_len(&q) == TRAK_COWQUEUE_MAX_HELD) ||
+	    !TRAK_CHECK(trak_test_q_at(&q, 64)))
+		rc = -EINVAL;
+	trak_test_task_stop(&first);
+	trak_test_task_stop(&second);
+out:
+	trak_test_q_empty(&q);
+	trak_cowqueue_destroy(&q);
+	return rc;
+}
+
+/*
+ * A writer held back by a COW thread that cannot make room at all gives
+ * up waiting after a while, rather than hold its locks for good.
+ */
+static int trak_test_cowqueue_bound_gives_up(void)
+{
+	static struct trak_cowqueue q;
+	struct trak_test_task writer;
+	struct bio *bio;
+	int i, rc = 0;
+
+	if (!TRAK_CHECK(!trak_cowqueue_init(&q)))
+		return -EINVAL;
+	bio = trak_test_q_bio(0, 0, 8, true);
+	for (i = 0; i < TRAK_COWQUEUE_MAX_HELD; i++)
+		trak_cowqueue_append(&q, 1, bio, GFP_NOIO);
+	trak_test_q_waiting_bio = trak_test_q_bio(1, 64, 8, true);
+	if (trak_test_task_start(&writer, trak_test_q_append_noio, &q)) {
+		rc = -EINVAL;
+		goto out;
+	}
+	if (!TRAK_CHECK(trak_test_task_blocked(&writer)) ||
+	    !TRAK_CHECK(wait_for_completion_timeout(&writer.done,
+			msecs_to_jiffies(TRAK_COWQUEUE_THROTTLE_MS +
+					 TRAK_TEST_WAKE_MS))) ||
+	    !TRAK_CHECK(trak_cowqueue_len(&q) == TRAK_COWQUEUE_MAX_HELD + 1))
+		rc = -EINVAL;
+	trak_test_task_stop(&writer);
+out:
+	trak_test_q_empty(&q);
+	trak_cowqueue_destroy(&q);
+	return rc;
+}
+
 #define TRAK_TEST_Q(test)					\
 static int test##_run(void)						\
 {									\
@@ -299,6 +425,8 @@ TRAK_TEST_Q(trak_test_cowqueue_purge)
 TRAK_TEST_Q(trak_test_cowqueue_restamp)
 TRAK_TEST_Q(trak_test_cowqueue_read_after_last_in_list)
 TRAK_TEST_Q(trak_test_cowqueue_many_reads_keep_order)
+TRAK_TEST_Q(trak_test_cowqueue_bound)
+TRAK_TEST_Q(trak_test_cowqueue_bound_gives_up)
 
 const struct trak_test_case trak_cowqueue_tests[] = {
 	{ "cowqueue_read_placement", trak_test_cowqueue_read_placement_run },
@@ -309,5 +437,7 @@ const struct trak_test_case trak_cowqueue_tests[] = {
 	  trak_test_cowqueue_read_after_last_in_list_run },
 	{ "cowqueue_many_reads_keep_order",
 	  trak_test_cowqueue_many_reads_keep_order_run },
+	{ "cowqueue_bound", trak_test_cowqueue_bound_run },
+	{ "cowqueue_bound_gives_up", trak_test_cowqueue_bound_gives_up_run },
 	{ }
 };
