@@ -22,22 +22,7 @@ static struct bio *trak_test_q_bio(int i, sector_t sector,
 			     write ? REQ_OP_WRITE : REQ_OP_READ);
 }
 
-/* Whether the queue's requests hold, in order, the bios @order[0..n). */
-static bool trak_test_q_order(struct trak_cowqueue *q, const int *order,
-			      int n)
-{
-	struct trak_cow_request *req = NULL;
-	int i;
-
-	for (i = 0; i < n; i++) {
-		req = trak_cowqueue_next(q, req);
-		if (!req || req->bio != trak_test_q_bios.bio[order[i]])
-			return false;
-	}
-	return !trak_cowqueue_next(q, req) && trak_cowqueue_len(q) == n;
-}
-
-/* Whether the queue's requests start, in order, at @firsts[0..n). */
+/* Whether the queue holds just requests that start at @firsts[0..n), in order. */
 static bool trak_test_q_firsts(struct trak_cowqueue *q, const sector_t *firsts,
 			       int n)
 {
@@ -49,7 +34,22 @@ static bool trak_test_q_firsts(struct trak_cowqueue *q, const sector_t *firsts,
 		if (!req || req->first != firsts[i])
 			return false;
 	}
-	return !trak_cowqueue_next(q, req);
+	return !trak_cowqueue_next(q, req) && trak_cowqueue_len(q) == n;
+}
+
+/*
+ * Whether the queue holds just the bios @order[0..n), in order; the bios
+ * of one test start at different sectors.
+ */
+static bool trak_test_q_order(struct trak_cowqueue *q, const int *order,
+			      int n)
+{
+	sector_t firsts[TRAK_TEST_BIO_CNT];
+	int i;
+
+	for (i = 0; i < n; i++)
+		firsts[i] = trak_test_q_bios.bio[order[i]]->bi_iter.bi_sector;
+	return trak_test_q_firsts(q, firsts, n);
 }
 
 /* The queued request that starts at @first, or NULL. */
