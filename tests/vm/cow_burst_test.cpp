@@ -1,9 +1,11 @@
 // A gigabyte of buffered random writes, then a trim, through a file system
-// on a filter node under a live snap. The writeback floods the COW queue
-// far faster than kcowd preserves chunks: the queue must stay within its
-// bound, holding the writers back, without a stalled task or a failed
+// on a filter node under a live snap, every chunk of it to be preserved:
+// the queue must stay within its bound, without a stalled task or a failed
 // allocation in the kernel log, and the snap must still show the
-// partition exactly as it was wherever it held data.
+// partition exactly as it was wherever it held data. ext4 writes back
+// runs of adjacent dirty pages as one request, so this load keeps the
+// queue short (about a hundred requests); the bound itself is exercised
+// by the queue's unit tests in trak_test.ko.
 //
 // Runs in a VM of its own (vm.cow-burst), with disks larger than the
 // suite's: the partition is the first 1.25 GiB of /dev/vda, and the COW
