@@ -15,6 +15,8 @@
 #   make crash-replay  a snap's copy-on-write order at every moment a
 #                 power failure could hit, long: writes logged in the test
 #                 VM and replayed (a short run is part of `check`)
+#   make stress   the VM stress tests, long: a gigabyte of writes and a
+#                 trim under a live snap (not part of `check`)
 #   make demo     track a partition in the test VM, end to end
 #   make bench    both benchmarks (bench-cbt, bench-snap), in the test VM
 #   make bench-cbt   the change-tracking benchmark
@@ -41,7 +43,7 @@ SAN_TARGETS = trak_host_tests fsmap_tests snap_tests trakctl fsmap_regression_te
 
 PREFIX ?= /usr/local
 
-.PHONY: all deps module tools san lint check check-debug fuzz crash-replay demo bench bench-cbt \
+.PHONY: all deps module tools san lint check check-debug fuzz stress crash-replay demo bench bench-cbt \
 	bench-snap install uninstall deb clean
 
 all: module tools
@@ -69,7 +71,7 @@ lint: module tools
 	cmake --build $(BUILD) --target tidy
 
 check: module tools lint san
-	ctest --test-dir $(BUILD) --output-on-failure -j 1
+	ctest --test-dir $(BUILD) --output-on-failure -j 1 -LE stress
 	ctest --test-dir $(SAN_BUILD) --output-on-failure -j 1 -R '^(host|fsmap|snap|fuzz)\.'
 
 check-debug: tools
@@ -79,6 +81,9 @@ fuzz: module tools san
 	tests/fuzz/run-fsmap-fuzz.sh $(SAN_BUILD)/tests/fuzz/fsmap_fuzz \
 		$(SAN_BUILD)/tests/fuzz/make_fsmap_seeds $(SAN_BUILD)/fuzz-fsmap $(FUZZ_SECONDS)
 	TRAK_FUZZ_CALLS=$(FUZZ_CALLS) scripts/fuzz-ioctl.sh $(BUILD)
+
+stress: module tools
+	ctest --test-dir $(BUILD) --output-on-failure -j 1 -L stress
 
 crash-replay: module tools
 	tests/vm/crash-consistency.sh $(BUILD)/vm-crash-replay-out \
