@@ -64,7 +64,7 @@ static int trak_cow_store_check_sizes(struct trak_cow_store *s,
 			 bmp_size);
 		return -EINVAL;
 	}
-	if (data != data_size) {
+	if (data < 0 || (u64)data != data_size) {
 		trak_log(TRAK_LOG_ERR,
 			 "%s(): COW data file %s holds %lld bytes instead of %llu: it cannot back a valid snap.",
 			 "trak_ioctl_resume_snap", data_fname, (long long)data,
