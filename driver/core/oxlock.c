@@ -118,24 +118,46 @@ void oxread_unlock(struct oxrwlock *l)
 		wake_up_all(&l->wait);
 }
 
-void oxwrite_lock(struct oxrwlock *l)
+/*
+ * Takes the lock for writing, waiting at most @timeout jiffies for the
+ * readers and any other writer to leave: 0 once held, -ETIMEDOUT when it
+ * stayed busy that long.  With MAX_SCHEDULE_TIMEOUT it waits for good.
+ */
+int oxwrite_lock_timeout(struct oxrwlock *l, unsigned long timeout)
 {
 	might_sleep();
 	spin_lock(&l->guard);
 	if (l->count < 0 && l->owner == current) {
 		l->count--;
 		spin_unlock(&l->guard);
-		return;
+		return 0;
 	}
 	spin_unlock(&l->guard);
 
 	/* Only this task could make it its own in between: it still is not. */
 	lock_acquire_exclusive(&l->dep_map, 0, 0, NULL, _RET_IP_);
-	spin_lock(&l->guard);
-	oxrwlock_wait(l, l->count == 0);
-	l->owner = current;
-	l->count--;
-	spin_unlock(&l->guard);
+	for (;;) {
+		spin_lock(&l->guard);
+		if (l->count == 0) {
+			l->owner = current;
+			l->count--;
+			spin_unlock(&l->guard);
+			return 0;
+		}
+		spin_unlock(&l->guard);
+		/* A reader may slip in between the wake-up and the guard. */
+		timeout = wait_event_timeout(l->wait, READ_ONCE(l->count) == 0,
+					     timeout);
+		if (!timeout) {
+			lock_release(&l->dep_map, _RET_IP_);
+			return -ETIMEDOUT;
+		}
+	}
+}
+
+void oxwrite_lock(struct oxrwlock *l)
+{
+	oxwrite_lock_timeout(l, MAX_SCHEDULE_TIMEOUT);
 }
 
 void oxwrite_unlock(struct oxrwlock *l)

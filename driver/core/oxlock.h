@@ -76,6 +76,7 @@ void oxmutex_unlock(struct oxmutex *m);
 void oxread_lock(struct oxrwlock *l);
 void oxread_unlock(struct oxrwlock *l);
 void oxwrite_lock(struct oxrwlock *l);
+int oxwrite_lock_timeout(struct oxrwlock *l, unsigned long timeout);
 void oxwrite_unlock(struct oxrwlock *l);
 
 /*

@@ -9,6 +9,7 @@
 #include <linux/blkdev.h>
 #include <linux/interval_tree_generic.h>
 #include <linux/mutex.h>
+#include <linux/sched.h>
 
 #include "aio.h"
 #include "core/log.h"
@@ -71,9 +72,9 @@ static bool trak_aio_idle(struct trak_aio *aio)
 	return idle;
 }
 
-void trak_aio_wait_idle(struct trak_aio *aio)
+bool trak_aio_wait_idle(struct trak_aio *aio, unsigned long timeout)
 {
-	wait_event(aio->wait, trak_aio_idle(aio));
+	return wait_event_timeout(aio->wait, trak_aio_idle(aio), timeout);
 }
 
 /*
@@ -83,7 +84,7 @@ void trak_aio_wait_idle(struct trak_aio *aio)
 void trak_aio_destroy(struct trak_aio *aio)
 {
 	trak_log(2, "%s(): Destroying AIO tracker.", __func__);
-	trak_aio_wait_idle(aio);
+	trak_aio_wait_idle(aio, MAX_SCHEDULE_TIMEOUT);
 
 	mutex_lock(&trak_aio_cnt_lock);
 	if (!--trak_aio_cnt) {

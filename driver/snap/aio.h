@@ -28,8 +28,11 @@ struct trak_aio {
 int trak_aio_init(struct trak_aio *aio);
 /* Waits until no clone of @aio is left, then releases what it holds. */
 void trak_aio_destroy(struct trak_aio *aio);
-/* Waits until every clone of @aio made so far has ended. */
-void trak_aio_wait_idle(struct trak_aio *aio);
+/*
+ * Waits at most @timeout jiffies until every clone of @aio made so far has
+ * ended; false when some are still in flight.
+ */
+bool trak_aio_wait_idle(struct trak_aio *aio, unsigned long timeout);
 
 /*
  * A clone of @bio bound for @bdev, whose completion ends @bio; or NULL

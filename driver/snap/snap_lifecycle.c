@@ -21,8 +21,14 @@
 #include "snaps.h"
 #include "util/bdev.h"
 
-/* How long a start waits for a moment without requests on the filter. */
-#define TRAK_QUIESCE_MS		60000
+/*
+ * How long a start may take, from its request to the point in time: the
+ * file system's freeze, a moment without requests on the filter and the
+ * drain of the writes routed before it.  The freeze cannot be cut short;
+ * the waits after it get what is left, and a start that needs longer
+ * gives up with -EAGAIN, leaving the filter as it was.
+ */
+#define TRAK_START_MS		60000
 
 static void trak_snap_lock(struct trak_blkdev *snap)
 {
@@ -51,6 +57,38 @@ static int trak_snap_prepare_filter(struct trak_blkdev *filter)
 	return trak_cowthread_start(&filter->filter.cowthread, "kcowd", filter);
 }
 
+/* Jiffies left until @deadline; 0 once it has passed. */
+static unsigned long trak_time_left(unsigned long deadline)
+{
+	long left = (long)(deadline - jiffies);
+
+	return left > 0 ? left : 0;
+}
+
+/*
+ * The next wait of a start: a second at most, for a task asleep
+ * uninterruptibly for long is reported as hung.
+ */
+static unsigned long trak_start_slice(unsigned long deadline)
+{
+	return min_t(unsigned long, trak_time_left(deadline), HZ);
+}
+
+/*
+ * Calls @wait(@arg, timeout) a slice at a time until it answers true, or
+ * false once @deadline has passed.
+ */
+static bool trak_start_wait(bool (*wait)(void *arg, unsigned long timeout),
+			    void *arg, unsigned long deadline)
+{
+	for (;;) {
+		if (wait(arg, trak_start_slice(deadline)))
+			return true;
+		if (time_after_eq(jiffies, deadline))
+			return false;
+	}
+}
+
 /*
  * Takes the filter's io_lock for writing at a moment when no request came
  * in since the last look; returns holding it, or -EAGAIN at @deadline.
@@ -64,17 +102,13 @@ static int trak_snap_wait_for_quiet(struct trak_blkdev *filter,
 
 	for (;;) {
 		atomic_set(&f->io_cnt, 0);
-		oxwrite_lock(&f->io_lock);
-		if (!atomic_read(&f->io_cnt))
-			return 0;
-		oxwrite_unlock(&f->io_lock);
-		if (time_after(jiffies, deadline)) {
-			trak_log(TRAK_LOG_ERR,
-				 "%s(): Timed out waiting for FS on trak(%d, %d) (%s) to stabilize.",
-				 "trak_block_start_device", trak_blk_major,
-				 filter->minor, f->hdd_name);
-			return -EAGAIN;
+		if (!oxwrite_lock_timeout(&f->io_lock, trak_start_slice(deadline))) {
+			if (!atomic_read(&f->io_cnt))
+				return 0;
+			oxwrite_unlock(&f->io_lock);
 		}
+		if (time_after_eq(jiffies, deadline))
+			return -EAGAIN;
 		trak_log(4, "%s(): Waiting for FS on trak(%d, %d) (%s) to stabilize...",
 			 "trak_block_start_device", trak_blk_major,
 			 filter->minor, f->hdd_name);
@@ -82,39 +116,64 @@ static int trak_snap_wait_for_quiet(struct trak_blkdev *filter,
 	}
 }
 
+static bool trak_snap_aio_idle(void *aio, unsigned long timeout)
+{
+	return trak_aio_wait_idle(aio, timeout);
+}
+
+static bool trak_snap_queue_frozen(void *q, unsigned long timeout)
+{
+	return blk_mq_freeze_queue_wait_timeout(q, timeout) > 0;
+}
+
 /*
  * Called at the quiet moment, with the filter's io_lock held for writing:
  * the writes routed before it end before the snap goes live, so that no
  * copy the snap makes of a chunk can meet one of them half done.  The
  * partition's own queue is drained too, for the writes passed on before
- * the filter had snaps and so was not tracking them.
+ * the filter had snaps and so was not tracking them.  -EAGAIN when they
+ * are still in flight at @deadline.
  */
-static void trak_snap_drain_filter(struct trak_filter *f)
+static int trak_snap_drain_filter(struct trak_filter *f, unsigned long deadline)
 {
 	struct request_queue *q = bdev_get_queue(f->hdd_bdev);
+	bool drained;
 
-	trak_aio_wait_idle(&f->aio);
-	if (queue_is_mq(q)) {
-		blk_mq_freeze_queue(q);
-		blk_mq_unfreeze_queue(q);
-	}
+	if (!trak_start_wait(trak_snap_aio_idle, &f->aio, deadline))
+		return -EAGAIN;
+	if (!queue_is_mq(q))
+		return 0;
+	blk_freeze_queue_start(q);
+	drained = trak_start_wait(trak_snap_queue_frozen, q, deadline);
+	blk_mq_unfreeze_queue(q);
+	return drained ? 0 : -EAGAIN;
 }
 
 /* The point in time: no request in flight, snap live. */
 static int trak_snap_go_live(struct trak_blkdev *snap, unsigned long deadline)
 {
 	struct trak_blkdev *filter = snap->snap.filter;
+	struct trak_filter *f = &filter->filter;
 	int rc;
 
 	rc = trak_snap_wait_for_quiet(filter, deadline);
-	if (rc)
+	if (!rc) {
+		rc = trak_snap_drain_filter(f, deadline);
+		if (rc)
+			oxwrite_unlock(&f->io_lock);
+	}
+	if (rc) {
+		trak_log(TRAK_LOG_ERR,
+			 "%s(): Timed out waiting for FS on trak(%d, %d) (%s) to stabilize.",
+			 "trak_block_start_device", trak_blk_major,
+			 filter->minor, f->hdd_name);
 		return rc;
-	trak_snap_drain_filter(&filter->filter);
+	}
 	/* Requests held for an earlier snap of this minor are not ours. */
-	trak_cowqueue_restamp(&filter->filter.cowqueue, snap->minor, -1);
+	trak_cowqueue_restamp(&f->cowqueue, snap->minor, -1);
 	WRITE_ONCE(snap->snap.snap_valid, 1);
 	WRITE_ONCE(snap->started, 1);
-	oxwrite_unlock(&filter->filter.io_lock);
+	oxwrite_unlock(&f->io_lock);
 	trak_log(3, "%s(): trak(%d, %d) has been started successfully",
 		 "trak_block_start_device", trak_blk_major, snap->minor);
 	return 0;
@@ -143,9 +202,9 @@ static struct trak_blkdev *trak_snap_newer_started(struct trak_blkdev *snap)
 	return NULL;
 }
 
-static int trak_snap_start_locked(struct trak_blkdev *snap)
+static int trak_snap_start_locked(struct trak_blkdev *snap,
+				  unsigned long deadline)
 {
-	unsigned long deadline = jiffies + msecs_to_jiffies(TRAK_QUIESCE_MS);
 	struct trak_snap *s = &snap->snap;
 	struct trak_cow_store_geometry g;
 	struct trak_blkdev *newer;
@@ -194,6 +253,7 @@ static int trak_snap_start_locked(struct trak_blkdev *snap)
  */
 int trak_snap_start(struct trak_blkdev *snap)
 {
+	unsigned long deadline = jiffies + msecs_to_jiffies(TRAK_START_MS);
 	struct block_device *fs_bdev = snap->snap.filter->disk->part0;
 	int rc;
 
@@ -206,7 +266,7 @@ int trak_snap_start(struct trak_blkdev *snap)
 			 "trak_block_start_device", trak_blk_major, snap->minor);
 		rc = -EALREADY;
 	} else {
-		rc = trak_snap_start_locked(snap);
+		rc = trak_snap_start_locked(snap, deadline);
 	}
 	trak_snap_unlock(snap);
 	thaw_bdev(fs_bdev);

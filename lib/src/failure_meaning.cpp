@@ -47,7 +47,8 @@ constexpr std::array kMeanings = {
     Meaning{Command::StartNode, EALREADY, "the node is already started"},
     Meaning{Command::StartNode, EIO, "a COW file could not be created or written"},
     Meaning{Command::StartNode, EAGAIN,
-            "the file system on the filter did not become quiet within 60 seconds"},
+            "the file system on the filter did not become quiet, or writes already passed on to "
+            "the partition did not end, within 60 seconds of the request"},
     Meaning{Command::StopNode, EINVAL, kNoSuchNode},
     Meaning{Command::StopNode, EBUSY, "the node, or one of its snaps, is open"},
     Meaning{Command::GetDeviceList, EINVAL, "the device type is neither filter (1) nor snap (2)"},

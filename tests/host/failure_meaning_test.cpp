@@ -18,7 +18,8 @@ TEST(FailureMeaning, CommandSpecificMeanings) {
     EXPECT_EQ(meaning(Command::AddFilterNode, EBUSY), "the partition is mounted or already open");
     EXPECT_EQ(meaning(Command::StartNode, EALREADY), "the node is already started");
     EXPECT_EQ(meaning(Command::StartNode, EAGAIN),
-              "the file system on the filter did not become quiet within 60 seconds");
+              "the file system on the filter did not become quiet, or writes already passed on "
+              "to the partition did not end, within 60 seconds of the request");
     EXPECT_EQ(meaning(Command::StopNode, EBUSY), "the node, or one of its snaps, is open");
     EXPECT_EQ(meaning(Command::GetDeviceList, EINVAL),
               "the device type is neither filter (1) nor snap (2)");
