@@ -16,8 +16,7 @@
 # --full (make crash-replay): a run of 64 KiB chunks and one of 4 KiB
 # chunks, writers for 90 s and 500 random points each. TRAK_CRASH_SEED, TRAK_CRASH_WRITE_SECONDS and
 # TRAK_CRASH_RANDOM_PREFIXES, when set, choose instead; the seed of each
-# run is printed. TRAK_MODULE_DIR, when set, is handed on to the guest;
-# TRAK_VM_TIME_FACTOR stretches the time limit.
+# run is printed. TRAK_VM_TIME_FACTOR stretches the time limit.
 set -eu
 out=$1
 suite=$2
@@ -48,9 +47,6 @@ for chunk in $chunk_sizes; do
 		"TRAK_CRASH_CHUNK_SIZE=$chunk"
 	if [ -n "${TRAK_CRASH_SEED:-}" ]; then
 		set -- "$@" "TRAK_CRASH_SEED=$TRAK_CRASH_SEED"
-	fi
-	if [ -n "${TRAK_MODULE_DIR:-}" ]; then
-		set -- "$@" "TRAK_MODULE_DIR=$TRAK_MODULE_DIR"
 	fi
 	"$here/harness/run-vm.sh" --out "$run" --disk "$run/disk0.img" --disk "$run/log.img" \
 		--timeout $((limit * ${TRAK_VM_TIME_FACTOR:-1})) -- "$@" "$suite" \

@@ -9,8 +9,7 @@
 # outcome is the harness's "the command did not finish", with the marker
 # the case leaves just before the power-off. Boot 2 (OUT_DIR/boot2, the
 # same images) runs CrashSafetyTest.DirtyFilesAfterPowerOffGiveAllOnes,
-# which must pass. TRAK_MODULE_DIR, when set, is handed on to the guest;
-# TRAK_VM_TIME_FACTOR stretches the time limits.
+# which must pass. TRAK_VM_TIME_FACTOR stretches the time limits.
 set -eu
 out=$1
 suite=$2
@@ -18,15 +17,10 @@ here=$(cd "$(dirname "$0")" && pwd)
 
 rm -rf "$out"
 mkdir -p "$out/boot1" "$out/boot2"
-if [ -n "${TRAK_MODULE_DIR:-}" ]; then
-	set -- env "TRAK_MODULE_DIR=$TRAK_MODULE_DIR" "$suite"
-else
-	set -- "$suite"
-fi
 
 status=0
 "$here/harness/run-vm.sh" --out "$out/boot1" --disks 2 --disk-size 128M \
-	--timeout $((400 * ${TRAK_VM_TIME_FACTOR:-1})) -- "$@" --gtest_filter=CrashSafetyTest.PowerOffDuringWrites \
+	--timeout $((400 * ${TRAK_VM_TIME_FACTOR:-1})) -- "$suite" --gtest_filter=CrashSafetyTest.PowerOffDuringWrites \
 	>"$out/boot1.log" 2>&1 || status=$?
 cat "$out/boot1.log"
 if [ "$status" -ne 125 ] ||
@@ -40,4 +34,4 @@ echo "crash-test.sh: boot 1 was powered off during writes, as intended"
 
 "$here/harness/run-vm.sh" --out "$out/boot2" --disk "$out/boot1/disk0.img" \
 	--disk "$out/boot1/disk1.img" --timeout $((400 * ${TRAK_VM_TIME_FACTOR:-1})) -- \
-	"$@" --gtest_filter=CrashSafetyTest.DirtyFilesAfterPowerOffGiveAllOnes
+	"$suite" --gtest_filter=CrashSafetyTest.DirtyFilesAfterPowerOffGiveAllOnes

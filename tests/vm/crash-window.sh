@@ -11,8 +11,7 @@
 # behind dm-delay); every later boot gets the same images. Boots 0 to
 # CYCLES-1 must end in the power-off (the harness's "the command did not
 # finish", and the case's marker); boot CYCLES only checks, and must pass.
-# The outcome of every power-off is listed at the end. TRAK_MODULE_DIR,
-# when set, is handed on to the guest.
+# The outcome of every power-off is listed at the end.
 set -eu
 out=$1
 suite=$2
@@ -28,9 +27,6 @@ while [ "$cycle" -le "$cycles" ]; do
 	boot=$out/boot$cycle
 	mkdir -p "$boot"
 	set -- env "TRAK_CRASH_CYCLE=$cycle" "TRAK_CRASH_CYCLES=$cycles"
-	if [ -n "${TRAK_MODULE_DIR:-}" ]; then
-		set -- "$@" "TRAK_MODULE_DIR=$TRAK_MODULE_DIR"
-	fi
 	status=0
 	# shellcheck disable=SC2086 # $disks is a list of options
 	"$here/harness/run-vm.sh" --out "$boot" $disks --timeout $((300 * ${TRAK_VM_TIME_FACTOR:-1})) -- "$@" "$suite" \

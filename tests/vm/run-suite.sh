@@ -10,8 +10,7 @@
 # or filter as a second HDD.
 #
 # The VM's console log and the suite's XML results (trak_vm_tests.xml) land
-# in OUT_DIR; results of an earlier run are removed first. TRAK_MODULE_DIR,
-# when set, is handed on to the suite in the guest; TRAK_VM_TIME_FACTOR
+# in OUT_DIR; results of an earlier run are removed first. TRAK_VM_TIME_FACTOR
 # stretches the time limit (the debug kernel runs several times slower).
 #
 # Failed cases are reported one by one from the XML, so a run whose only
@@ -25,14 +24,9 @@ xml=$out/trak_vm_tests.xml
 
 mkdir -p "$out"
 rm -f "$xml"
-if [ -n "${TRAK_MODULE_DIR:-}" ]; then
-	set -- env "TRAK_MODULE_DIR=$TRAK_MODULE_DIR" "$suite"
-else
-	set -- "$suite"
-fi
 status=0
 "$here/harness/run-vm.sh" --out "$out" --disks 2 --disk-size 320M \
-	--timeout $((1400 * ${TRAK_VM_TIME_FACTOR:-1})) -- "$@" || status=$?
+	--timeout $((1400 * ${TRAK_VM_TIME_FACTOR:-1})) -- "$suite" || status=$?
 # GoogleTest exits with 1 when a case failed.
 if [ "$status" -eq 1 ] && [ -s "$xml" ]; then
 	echo "run-suite.sh: some cases failed; see their own tests"

@@ -127,12 +127,14 @@ if ((${#argv[@]} == 0)); then
 fi
 prefix=trak
 [ -s "$harness/unload-prefix" ] && read -r prefix <"$harness/unload-prefix"
+module_env=()
+[ -s "$harness/module-dir" ] && module_env=("TRAK_MODULE_DIR=$(cat "$harness/module-dir")")
 
 say "running ${argv[*]}"
 : >"$harness/started"
 (
 	cd "$src" &&
-		exec env -i TRAK_VM=1 TRAK_OUT="$out" TRAK_SRC="$src" \
+		exec env -i TRAK_VM=1 TRAK_OUT="$out" TRAK_SRC="$src" "${module_env[@]}" \
 			PATH="$PATH" HOME=/root TERM=dumb "${argv[@]}"
 ) </dev/null >"$harness/output.log" 2>&1
 status=$?

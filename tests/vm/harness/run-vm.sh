@@ -8,7 +8,8 @@
 # repository root), and so in the guest too, except under /tmp and /run,
 # which the guest has for itself.  In the guest CMD finds TRAK_VM=1,
 # TRAK_SRC (the repository root) and TRAK_OUT (the results directory DIR,
-# shared with the host).  The kernel's messages go to DIR/console.log;
+# shared with the host), and TRAK_MODULE_DIR when the host has it set (the
+# modules under test).  The kernel's messages go to DIR/console.log;
 # CMD's output goes to DIR/harness/output.log and is shown at the end.
 #
 # Options:
@@ -128,6 +129,7 @@ printf '%s\0' "$@" >"$harness/command"
 echo "$prefix" >"$harness/unload-prefix"
 echo "$modules" >"$harness/modules"
 echo "$factor" >"$harness/time-factor"
+printf '%s' "${TRAK_MODULE_DIR:-}" >"$harness/module-dir"
 "$here/mkinitramfs.sh" "$harness/initramfs.cpio.gz" "$modules"
 
 disks=()
