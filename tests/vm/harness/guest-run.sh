@@ -7,7 +7,8 @@
 #
 # Files in /mnt/out/harness: it reads "command" (the argv, NUL-separated),
 # "unload-prefix", "modules" (the kernel's module tree) and "time-factor";
-# it writes "started", "exit-status", "output.log"
+# it writes "boot-report" (the kernel reported a bug while it booted, and
+# the command did not run), "started", "exit-status", "output.log"
 # (the command's stdout and stderr), "unload-failures" (one line for each
 # module left loaded) and "finished".
 #
@@ -129,6 +130,16 @@ prefix=trak
 [ -s "$harness/unload-prefix" ] && read -r prefix <"$harness/unload-prefix"
 module_env=()
 [ -s "$harness/module-dir" ] && module_env=("TRAK_MODULE_DIR=$(cat "$harness/module-dir")")
+
+# A bug that the kernel reported while it booted, before any module of the
+# command was loaded, is the kernel's own: run-vm.sh boots it again, once.
+dmesg >/tmp/boot.log
+"$(dirname "$0")/scan-console.sh" /tmp/boot.log >/dev/null
+if (($? == 1)); then
+	say "the kernel reported a problem while it booted; the command does not run"
+	: >"$harness/boot-report"
+	power_off
+fi
 
 say "running ${argv[*]}"
 : >"$harness/started"
