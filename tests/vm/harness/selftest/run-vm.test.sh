@@ -92,10 +92,13 @@ expect_status "a task blocked for $hung_after s fails the run" 125 "$status"
 expect_match "the blocked task is shown" "$tmp/hung.txt" \
 	"^[0-9]+:\[ *[0-9.]+\] INFO: task .* blocked for more than [0-9]+ seconds\."
 
-vm timeout --timeout 30 -- sleep 600
+# Long enough for the guest to reach the command: the debug kernel boots
+# slowly.
+limit=$((30 * ${TRAK_VM_TIME_FACTOR:-1}))
+vm timeout --timeout "$limit" -- sleep 600
 expect_status "a run past its time limit fails" 124 "$status"
 expect_line "the reason is the timeout" "$tmp/timeout.txt" \
-	"run-vm.sh: FAIL: timed out after 30 s; the command did not finish"
+	"run-vm.sh: FAIL: timed out after $limit s; the command did not finish"
 
 if [ "$failures" -eq 0 ]; then
 	rm -rf "$tmp"
